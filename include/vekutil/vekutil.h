@@ -1,0 +1,14 @@
+/* Umbrella header: the whole public interface of libvekutil. */
+#ifndef VEKUTIL_VEKUTIL_H
+#define VEKUTIL_VEKUTIL_H
+
+#include <vekutil/defs.h>
+#include <vekutil/errors.h>
+#include <vekutil/version.h>
+#include <vekutil/memory.h>
+#include <vekutil/log.h>
+#include <vekutil/strutil.h>
+#include <vekutil/timeutil.h>
+#include <vekutil/loader.h>
+
+#endif

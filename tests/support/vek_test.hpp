@@ -1,0 +1,60 @@
+// Shared test helpers: a fixture that proves a test gave back every block it
+// took from the library, and a private temporary directory.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include <vekutil/memory.h>
+
+namespace vektest {
+
+// Checks that the accounted block count (and, in debug mode, the byte count)
+// is back at its starting value when the test ends.
+class LeakCheckedTest : public ::testing::Test {
+ protected:
+  void SetUp() override;
+  void TearDown() override;
+
+ private:
+  long long blocks_at_start_ = 0;
+  long long bytes_at_start_ = 0;
+};
+
+// A fresh directory under the system's temporary directory, removed with
+// everything in it when the object goes out of scope.
+class TempDir {
+ public:
+  TempDir();
+  ~TempDir();
+  TempDir(const TempDir&) = delete;
+  TempDir& operator=(const TempDir&) = delete;
+
+  const std::string& path() const { return path_; }
+  // path() + "/" + name
+  std::string file(const std::string& name) const;
+
+ private:
+  std::string path_;
+};
+
+// Whole contents of a file ("" if it cannot be read).
+std::string read_file(const std::string& path);
+// Writes text to a file, replacing it.
+void write_file(const std::string& path, const std::string& text);
+
+// Sends the library's log to a file in a private directory for the lifetime
+// of the object, so a test can check the lines it expects.
+class LogCapture {
+ public:
+  LogCapture();
+  ~LogCapture();
+  std::string text() const;
+  bool contains(const std::string& needle) const { return text().find(needle) != std::string::npos; }
+
+ private:
+  TempDir dir_;
+};
+
+}  // namespace vektest
