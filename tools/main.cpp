@@ -70,7 +70,9 @@ void register_demo(const DemoSection& section) {
 
 int main(int argc, char** argv) {
   using namespace vektool;
-  vekMemoryInit();
+  // The demo shows the memory report, which needs debug-mode accounting; the
+  // mode must be chosen before the first allocation.
+  vekMemoryInitEx(argc >= 2 && !std::strcmp(argv[1], "demo") ? 1 : 0);
   if (argc < 2 || !std::strcmp(argv[1], "--help") || !std::strcmp(argv[1], "-h") || !std::strcmp(argv[1], "help"))
     return argc < 2 ? (print_help(), 2) : print_help();
   if (!std::strcmp(argv[1], "version")) {
