@@ -10,5 +10,7 @@
 #include <vekutil/strutil.h>
 #include <vekutil/timeutil.h>
 #include <vekutil/loader.h>
+#include <vekutil/btree.h>
+#include <vekutil/list.h>
 
 #endif
