@@ -1,0 +1,74 @@
+#include <vekutil/crc32.h>
+
+#include <string>
+
+#include "vek_test.hpp"
+
+namespace {
+
+class Crc32Test : public vektest::LeakCheckedTest {};
+
+// Straightforward bit-at-a-time reference, independent of any table.
+unsigned int bitwise_crc32(const std::string& s) {
+  unsigned int c = 0xFFFFFFFFu;
+  for (unsigned char b : s) {
+    c ^= b;
+    for (int k = 0; k < 8; ++k) c = (c & 1) ? (c >> 1) ^ 0xEDB88320u : c >> 1;
+  }
+  return ~c;
+}
+
+TEST_F(Crc32Test, KnownVectorsAndEmptyInput) {
+  EXPECT_EQ(0xCBF43926u, hash_crc32("123456789", 9));
+  EXPECT_EQ(0x414FA339u, hash_crc32("The quick brown fox jumps over the lazy dog", 43));
+  EXPECT_EQ(0u, hash_crc32("", 0));
+  EXPECT_EQ(0u, hash_crc32(nullptr, 5));
+}
+
+TEST_F(Crc32Test, EveryLengthAndAlignmentMatchesBitwiseReference) {
+  std::string data;
+  for (int i = 0; i < 300; ++i) data.push_back(static_cast<char>(i * 131 + 7));
+  for (size_t off = 0; off < 8; ++off)
+    for (size_t len = 1; off + len <= data.size(); len += (len < 40 ? 1 : 17)) {
+      std::string part = data.substr(off, len);
+      ASSERT_EQ(bitwise_crc32(part), hash_crc32(part.data(), static_cast<unsigned>(len)))
+          << "off " << off << " len " << len;
+    }
+}
+
+TEST_F(Crc32Test, IncrementalEqualsOneShotAtAnySplit) {
+  const std::string text = "incremental checksums must not depend on where the caller splits the input";
+  const unsigned int whole = hash_crc32(text.data(), static_cast<unsigned>(text.size()));
+  for (size_t cut = 0; cut <= text.size(); ++cut) {
+    unsigned int crc;
+    hash_crc32_init(&crc);
+    hash_crc32_calc(&crc, text.data(), static_cast<unsigned>(cut));
+    hash_crc32_calc(&crc, text.data() + cut, static_cast<unsigned>(text.size() - cut));
+    hash_crc32_end(&crc);
+    ASSERT_EQ(whole, crc) << cut;
+  }
+  // Null pointers are ignored rather than dereferenced.
+  hash_crc32_init(nullptr);
+  hash_crc32_calc(nullptr, "x", 1);
+  hash_crc32_end(nullptr);
+}
+
+TEST_F(Crc32Test, FileChecksumCoversWholeFileAcrossBlocks) {
+  vektest::TempDir dir;
+  std::string body;
+  for (int i = 0; i < 5000; ++i) body.push_back(static_cast<char>(i % 251));
+  vektest::write_file(dir.file("f.bin"), body);
+  unsigned int crc = 0;
+  ASSERT_EQ(0, hash_file_crc32(dir.file("f.bin").c_str(), &crc));
+  EXPECT_EQ(hash_crc32(body.data(), static_cast<unsigned>(body.size())), crc);
+
+  vektest::write_file(dir.file("empty"), "");
+  ASSERT_EQ(0, hash_file_crc32(dir.file("empty").c_str(), &crc));
+  EXPECT_EQ(0u, crc);
+
+  EXPECT_EQ(-1, hash_file_crc32(dir.file("missing").c_str(), &crc));
+  EXPECT_EQ(-1, hash_file_crc32(nullptr, &crc));
+  EXPECT_EQ(-1, hash_file_crc32(dir.file("f.bin").c_str(), nullptr));
+}
+
+}  // namespace
