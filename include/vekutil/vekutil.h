@@ -10,6 +10,7 @@
 #include <vekutil/strutil.h>
 #include <vekutil/timeutil.h>
 #include <vekutil/loader.h>
+#include <vekutil/json.h>
 #include <vekutil/crc32.h>
 #include <vekutil/btree.h>
 #include <vekutil/list.h>
