@@ -10,6 +10,10 @@
 #include <vekutil/strutil.h>
 #include <vekutil/timeutil.h>
 #include <vekutil/loader.h>
+#include <vekutil/file.h>
+#include <vekutil/file.lock.h>
+#include <vekutil/fileinfo.h>
+#include <vekutil/directory.h>
 #include <vekutil/json.h>
 #include <vekutil/crc32.h>
 #include <vekutil/btree.h>
