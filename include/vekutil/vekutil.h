@@ -7,6 +7,10 @@
 #include <vekutil/version.h>
 #include <vekutil/memory.h>
 #include <vekutil/log.h>
+#include <vekutil/debug.h>
+#include <vekutil/lasterror.h>
+#include <vekutil/rlimit.h>
+#include <vekutil/hexdump.h>
 #include <vekutil/strutil.h>
 #include <vekutil/timeutil.h>
 #include <vekutil/loader.h>

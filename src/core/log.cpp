@@ -1,22 +1,53 @@
-// The process log.
+// The process log: one time-stamped entry per internal failure, at most
+// about 32 KB per run, older logs rolled into ten numbered generations.
 #include <cstdarg>
 #include <cstdio>
+#include <cstring>
 #include <ctime>
+
+#include <vekutil/file.h>
 
 #include "core/internal.hpp"
 
 FILE* g_log_file = nullptr;
 vek_log_err_func g_vek_log_err_func = nullptr;
 
-void log_vek_error(const char* format, ...) {
-  FILE* f = g_log_file;
-  if (!f) return;
+namespace {
+
+constexpr long kRollSize = 16384;    // a longer log is rolled at vekLogInit
+constexpr long kCutOffSize = 32768;  // past this position logging stops
+constexpr int kGenerations = 10;
+constexpr size_t kNameSize = 147;    // log names longer than this are cut
+
+// g_log_file is read by every logging thread and cleared by the one that
+// hits the cut-off; atomic accesses keep that free of data races while the
+// global stays a plain FILE* for applications.
+FILE* log_stream() { return __atomic_load_n(&g_log_file, __ATOMIC_ACQUIRE); }
+void set_log_stream(FILE* f) { __atomic_store_n(&g_log_file, f, __ATOMIC_RELEASE); }
+
+void write_time_stamp(FILE* f) {
   time_t now = time(nullptr);
-  struct tm tm_now;
+  struct tm local;
   char stamp[64];
-  localtime_r(&now, &tm_now);
-  strftime(stamp, sizeof stamp, "%Y-%m-%d %H:%M:%S", &tm_now);
+  localtime_r(&now, &local);
+  strftime(stamp, sizeof stamp, "%Y-%m-%d %H:%M:%S", &local);
   fprintf(f, "%s ", stamp);
+}
+
+void generation_name(char (&name)[kNameSize], const char* filename, int generation) {
+  snprintf(name, kNameSize, "%s.%d", filename, generation);
+}
+
+}  // namespace
+
+void log_vek_error(const char* format, ...) {
+  FILE* f = log_stream();
+  if (!f) return;
+  if (ftell(f) > kCutOffSize) {
+    set_log_stream(nullptr);  // left open: another thread may still be writing
+    return;
+  }
+  write_time_stamp(f);
   va_list ap;
   va_start(ap, format);
   vfprintf(f, format, ap);
@@ -24,11 +55,38 @@ void log_vek_error(const char* format, ...) {
   fflush(f);
 }
 
+void _log_roll(FILE** file, const char* filename) {
+  if (!file) return;
+  if (*file) fclose(*file);
+  *file = nullptr;
+  if (!filename) return;
+  char base[kNameSize];
+  vek::copy_name(base, kNameSize, filename);
+  char from[kNameSize];
+  char to[kNameSize];
+  generation_name(to, filename, kGenerations);
+  file_delete(to);  // a missing file is no error
+  for (int i = kGenerations; i >= 2; --i) {
+    generation_name(from, filename, i - 1);
+    generation_name(to, filename, i);
+    file_move(from, to);  // missing generations are skipped
+  }
+  generation_name(to, filename, 1);
+  file_move(base, to);
+  *file = fopen(base, "w");
+}
+
 int vekLogInit(const char* filename, vek_log_err_func func) {
   if (func) g_vek_log_err_func = func;
   if (!filename) return 0;
   FILE* f = fopen(filename, "a");
   if (!f) return ERR_NOT_FOUND;
-  g_log_file = f;
+  fseek(f, 0, SEEK_END);
+  if (ftell(f) > kRollSize) _log_roll(&f, filename);
+  if (!f) return ERR_NOT_FOUND;  // the fresh log could not be created
+  write_time_stamp(f);
+  fprintf(f, "==========================Log Started==========================\n");
+  fflush(f);
+  set_log_stream(f);
   return 0;
 }
