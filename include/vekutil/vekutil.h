@@ -22,5 +22,11 @@
 #include <vekutil/crc32.h>
 #include <vekutil/btree.h>
 #include <vekutil/list.h>
+#include <vekutil/mutex.h>
+#include <vekutil/rwlock.h>
+#include <vekutil/event.h>
+#include <vekutil/schevent.h>
+#include <vekutil/semaphore.h>
+#include <vekutil/threads.h>
 
 #endif

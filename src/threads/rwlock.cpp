@@ -1,0 +1,116 @@
+// Named, instrumented read-write locks. The record counts read locks, write
+// locks and unlocks since creation, so that (reads + writes - unlocks) shows
+// how many holders there are right now. Readers count concurrently, hence
+// the atomic counters.
+//
+// The entry points without a source position ("Backward", line 0) are kept
+// here beside the positional ones they forward to.
+#include <pthread.h>
+
+#include <vekutil/rwlock.h>
+
+#include "core/internal.hpp"
+#include "threads/diag.hpp"
+
+namespace {
+
+constexpr const char* kSource = "src/rwlock.c";
+constexpr int kNameCapacity = 68;  // 64 characters, terminated
+
+struct RwlockRecord {
+  pthread_rwlock_t handle;
+  vek::Diag<int> readlock_count;
+  vek::Diag<int> writelock_count;
+  vek::Diag<int> unlock_count;
+  vek::Diag<const char*> last_lock_by_file;
+  vek::Diag<int> last_lock_by_line;
+  vek::Diag<int> err;
+  char name[kNameCapacity];
+};
+
+RwlockRecord* as_rwlock(void* handle) { return static_cast<RwlockRecord*>(handle); }
+
+int fail(RwlockRecord* r, int rc) {
+  r->err.set(rc);
+  return ERR_SYSTEM;
+}
+
+void record_lock(RwlockRecord* r, vek::Diag<int>& counter, const char* file, int line) {
+  counter.add(1);
+  r->last_lock_by_file.set(file);
+  r->last_lock_by_line.set(line);
+}
+
+}  // namespace
+
+int rwlock_create_ex(void** handle, int, const char* name) {
+  if (!handle) return ERR_INVALID_HANDLE;
+  auto* r = vek::alloc_record<RwlockRecord>(kSource, __LINE__);
+  if (!r) {
+    log_vek_error("rwlock_create(): vekMalloc failed\n");
+    return ERR_NO_MEMORY;
+  }
+  vek::copy_name(r->name, 65, name);
+  *handle = r;
+  int rc = pthread_rwlock_init(&r->handle, nullptr);
+  if (rc != 0) {
+    // The record stays with the caller, who reads the error and deletes it.
+    log_vek_error("rwlock_create(%s): pthread_rwlock_init failed[%d]\n", r->name, rc);
+    return fail(r, rc);
+  }
+  return 0;
+}
+
+int rwlock_create(void** handle) { return rwlock_create_ex(handle, 0, nullptr); }
+
+int _rwlock_readlock(void* handle, const char* file, int line) {
+  if (!handle) return ERR_INVALID_HANDLE;
+  RwlockRecord* r = as_rwlock(handle);
+  int rc = pthread_rwlock_rdlock(&r->handle);
+  if (rc != 0) {
+    log_vek_error("rwlock_readlock(%s): pthread_rwlock_rdlock failed[%d]\n", r->name, rc);
+    return fail(r, rc);
+  }
+  record_lock(r, r->readlock_count, file, line);
+  return 0;
+}
+
+int _rwlock_writelock(void* handle, const char* file, int line) {
+  if (!handle) return ERR_INVALID_HANDLE;
+  RwlockRecord* r = as_rwlock(handle);
+  int rc = pthread_rwlock_wrlock(&r->handle);
+  if (rc != 0) {
+    log_vek_error("rwlock_writelock(%s): pthread_rwlock_wrlock failed[%d]\n", r->name, rc);
+    return fail(r, rc);
+  }
+  record_lock(r, r->writelock_count, file, line);
+  return 0;
+}
+
+int rwlock_readlock(void* handle) { return _rwlock_readlock(handle, VEK_BACKWARD_FILE, 0); }
+int rwlock_writelock(void* handle) { return _rwlock_writelock(handle, VEK_BACKWARD_FILE, 0); }
+
+int rwlock_unlock(void* handle) {
+  if (!handle) return ERR_INVALID_HANDLE;
+  RwlockRecord* r = as_rwlock(handle);
+  r->unlock_count.add(1);  // counted before the attempt: failed unlocks count too
+  int rc = pthread_rwlock_unlock(&r->handle);
+  if (rc != 0) {
+    log_vek_error("rwlock_unlock(%s): pthread_rwlock_unlock failed[%d]\n", r->name, rc);
+    return fail(r, rc);
+  }
+  return 0;
+}
+
+int rwlock_delete(void* handle) {
+  if (!handle) return ERR_INVALID_HANDLE;
+  RwlockRecord* r = as_rwlock(handle);
+  pthread_rwlock_destroy(&r->handle);  // result deliberately ignored
+  _vekFree(r, kSource, __LINE__);
+  return 0;
+}
+
+int rwlock_error(void* handle) {
+  if (!handle) return ERR_INVALID_HANDLE;
+  return as_rwlock(handle)->err.get();
+}
