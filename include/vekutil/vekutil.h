@@ -20,6 +20,15 @@
 #include <vekutil/directory.h>
 #include <vekutil/json.h>
 #include <vekutil/crc32.h>
+#include <vekutil/crc16.h>
+#include <vekutil/base32.h>
+#include <vekutil/base64.h>
+#include <vekutil/random.h>
+#include <vekutil/hardwareid.h>
+#include <vekutil/guid.h>
+#include <vekutil/convert.h>
+#include <vekutil/blob.h>
+#include <vekutil/bool.h>
 #include <vekutil/btree.h>
 #include <vekutil/list.h>
 #include <vekutil/mutex.h>
