@@ -1,0 +1,328 @@
+// JSON printer: a tree back to text, compact or formatted. Everything is
+// appended to one growing buffer; the nesting depth is bounded and a
+// reference that leads back into its own ancestry is refused.
+#include <cfloat>
+#include <cmath>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+
+#include "formats/json.internal.hpp"
+
+using namespace vek::json;
+
+namespace {
+
+// The text being produced, plus the chains of the containers being printed
+// (to recognise a reference cycle).
+class Output {
+ public:
+  Output() = default;
+  ~Output() { _vekFree(buf_, kSource, __LINE__); }
+  Output(const Output&) = delete;
+  Output& operator=(const Output&) = delete;
+
+  // Room for n more bytes and the terminating zero; false when out of memory.
+  bool reserve(size_t n) { return len_ + n < cap_ || grow(n); }
+
+  // The next free byte; valid after reserve() until `advance`.
+  char* cursor() { return buf_ + len_; }
+  void advance(size_t n) { len_ += n; }
+
+  bool put(const char* text, size_t n) {
+    if (!reserve(n)) return false;
+    std::memcpy(buf_ + len_, text, n);
+    len_ += n;
+    return true;
+  }
+  bool put(char c) {
+    if (!reserve(1)) return false;
+    buf_[len_++] = c;
+    return true;
+  }
+  bool put_tabs(int count) {
+    if (count <= 0) return true;
+    if (!reserve(static_cast<size_t>(count))) return false;
+    std::memset(buf_ + len_, '\t', static_cast<size_t>(count));
+    len_ += static_cast<size_t>(count);
+    return true;
+  }
+
+  // Hands the text to the caller (trimmed to size), or nullptr on failure.
+  char* take(bool ok) {
+    if (!ok || !reserve(0)) return nullptr;
+    buf_[len_] = '\0';
+    char* text = buf_;
+    if (cap_ - len_ > 64) {
+      if (char* trimmed = static_cast<char*>(_vekRealloc(buf_, len_ + 1, kSource, __LINE__))) text = trimmed;
+    }
+    buf_ = nullptr;
+    return text;
+  }
+
+  // Called on the way into an array or object; false beyond the nesting
+  // limit or when a reference leads back to a container being printed.
+  bool enter(const JSON* item) {
+    if (nesting_ >= JSON_MAX_DEPTH) return false;
+    if (is_reference(item) && item->child) {
+      for (int i = 0; i < nesting_; ++i)
+        if (open_[i] == item->child) return false;
+    }
+    open_[nesting_++] = item->child;
+    return true;
+  }
+  void leave() { --nesting_; }
+
+ private:
+  bool grow(size_t n) {
+    size_t want = cap_ ? cap_ * 2 : 256;
+    if (want < len_ + n + 1) want = len_ + n + 1;
+    char* bigger = static_cast<char*>(_vekRealloc(buf_, want, kSource, __LINE__));
+    if (!bigger) return false;
+    buf_ = bigger;
+    cap_ = want;
+    return true;
+  }
+
+  char* buf_ = nullptr;
+  size_t len_ = 0;
+  size_t cap_ = 0;
+  int nesting_ = 0;
+  const JSON* open_[JSON_MAX_DEPTH];
+};
+
+// ---------------------------------------------------------------- numbers
+
+constexpr char kDigitPairs[] =
+    "00010203040506070809101112131415161718192021222324252627282930313233343536373839"
+    "40414243444546474849505152535455565758596061626364656667686970717273747576777879"
+    "8081828384858687888990919293949596979899";
+
+// Decimal digits of v at out; returns the end.
+char* put_unsigned(char* out, uint64_t v) {
+  char tmp[20];
+  char* p = tmp + sizeof tmp;
+  while (v >= 100) {
+    unsigned pair = static_cast<unsigned>(v % 100) * 2;
+    v /= 100;
+    *--p = kDigitPairs[pair + 1];
+    *--p = kDigitPairs[pair];
+  }
+  if (v >= 10) {
+    unsigned pair = static_cast<unsigned>(v) * 2;
+    *--p = kDigitPairs[pair + 1];
+    *--p = kDigitPairs[pair];
+  } else {
+    *--p = static_cast<char>('0' + v);
+  }
+  size_t n = static_cast<size_t>(tmp + sizeof tmp - p);
+  std::memcpy(out, p, n);
+  return out + n;
+}
+
+// "%lld".
+char* put_signed(char* out, long long v) {
+  if (v < 0) {
+    *out++ = '-';
+    return put_unsigned(out, 0 - static_cast<uint64_t>(v));
+  }
+  return put_unsigned(out, static_cast<uint64_t>(v));
+}
+
+// Any printf conversion of one double. The decimal point is always '.',
+// whatever numeric locale the process has chosen.
+char* put_printf(char* out, size_t room, const char* format, double v) {
+  int n = std::snprintf(out, room, format, v);
+  if (n < 0) return out;
+  if (static_cast<size_t>(n) >= room) n = static_cast<int>(room - 1);
+  for (int i = 0; i < n; ++i)
+    if (out[i] == ',') out[i] = '.';
+  return out + n;
+}
+
+// "%.0f" of a double that is (within epsilon of) a whole number.
+char* put_whole(char* out, size_t room, double v) {
+  if (v == std::floor(v) && std::fabs(v) < 9.2e18 && !(v == 0 && std::signbit(v)))
+    return put_signed(out, static_cast<long long>(v));
+  return put_printf(out, room, "%.0f", v);
+}
+
+// "%f" of a double with 1e-6 <= |v| <= 1e9. v * 1e6 is below 2^53, so the
+// digits are exact whenever its rounding cannot be in doubt; near a tie the
+// C library decides.
+char* put_fixed(char* out, size_t room, double v) {
+  double scaled = std::fabs(v) * 1e6;
+  double whole = std::floor(scaled);
+  double fraction = scaled - whole;
+  if (std::fabs(fraction - 0.5) <= scaled * 4.5e-16) return put_printf(out, room, "%f", v);
+  uint64_t micros = static_cast<uint64_t>(whole) + (fraction > 0.5 ? 1 : 0);
+  if (v < 0) *out++ = '-';
+  out = put_unsigned(out, micros / 1000000);
+  *out++ = '.';
+  unsigned rest = static_cast<unsigned>(micros % 1000000);
+  for (int i = 5; i >= 0; --i, rest /= 10) out[i] = static_cast<char>('0' + rest % 10);
+  return out + 6;
+}
+
+// Enough for "%.0f" of the largest double (309 digits) and a sign.
+constexpr size_t kNumberRoom = 330;
+
+// The first rule that holds: the exact 64-bit integer when the double is
+// within epsilon of it; a whole double; tiny or huge values in "%e"; the
+// rest in "%f". A double that is not finite prints as null, as JSON has no
+// text for it.
+bool write_number(Output& o, const JSON* item) {
+  if (!o.reserve(kNumberRoom)) return false;
+  char* start = o.cursor();
+  long long integer = item->valuelonglong;
+  double v = item->valuedouble;
+  char* end;
+  constexpr long double kEpsilon = DBL_EPSILON;
+  if (std::fabs(static_cast<long double>(integer) - static_cast<long double>(v)) <= kEpsilon) {
+    end = put_signed(start, integer);
+  } else if (!std::isfinite(v)) {
+    std::memcpy(start, "null", 4);
+    end = start + 4;
+  } else if (std::fabs(std::floor(v) - v) <= DBL_EPSILON) {
+    end = put_whole(start, kNumberRoom, v);
+  } else if (std::fabs(v) < 1e-6 || std::fabs(v) > 1e9) {
+    end = put_printf(start, kNumberRoom, "%e", v);
+  } else {
+    end = put_fixed(start, kNumberRoom, v);
+  }
+  o.advance(static_cast<size_t>(end - start));
+  return true;
+}
+
+// ---------------------------------------------------------------- strings
+
+// How each byte of a string is printed: kPlain as itself, kDrop not at all,
+// kEnd is the terminating zero, anything else is the letter after '\'.
+constexpr char kPlain = 0, kDrop = 1, kEnd = 2;
+
+constexpr auto kStringBytes = [] {
+  struct Table {
+    char action[256];
+  } t{};
+  for (int c = 1; c < 32; ++c) t.action[c] = kDrop;
+  t.action[0] = kEnd;
+  t.action['\b'] = 'b';
+  t.action['\t'] = 't';
+  t.action['\n'] = 'n';
+  t.action['\f'] = 'f';
+  t.action['\r'] = 'r';
+  t.action['"'] = '"';
+  t.action['\\'] = '\\';
+  return t;
+}();
+
+// A quoted, escaped string; a null text prints as nothing at all.
+bool write_string(Output& o, const char* text) {
+  if (!text) return true;
+  size_t length = std::strlen(text);
+  if (!o.reserve(2 * length + 2)) return false;
+  char* out = o.cursor();
+  char* const start = out;
+  *out++ = '"';
+  const unsigned char* in = reinterpret_cast<const unsigned char*>(text);
+  for (;;) {
+    const unsigned char* run = in;
+    while (kStringBytes.action[*in] == kPlain) ++in;
+    std::memcpy(out, run, static_cast<size_t>(in - run));
+    out += in - run;
+    char action = kStringBytes.action[*in];
+    if (action == kEnd) break;
+    if (action != kDrop) {
+      *out++ = '\\';
+      *out++ = action;
+    }
+    ++in;
+  }
+  *out++ = '"';
+  o.advance(static_cast<size_t>(out - start));
+  return true;
+}
+
+// ---------------------------------------------------------------- containers
+
+bool write_value(Output& o, const JSON* item, int depth, bool fmt);
+
+// Arrays stay on one line in both layouts.
+bool write_array(Output& o, const JSON* item, int depth, bool fmt) {
+  if (!o.enter(item)) return false;
+  bool ok = o.put('[');
+  for (const JSON* c = item->child; ok && c; c = c->next) {
+    ok = write_value(o, c, depth + 1, fmt);
+    if (ok && c->next) ok = fmt ? o.put(", ", 2) : o.put(',');
+  }
+  o.leave();
+  return ok && o.put(']');
+}
+
+// Formatted objects put each member on its own line, indented with tabs,
+// with a tab between key and value.
+bool write_object(Output& o, const JSON* item, int depth, bool fmt) {
+  if (!o.enter(item)) return false;
+  bool ok = fmt ? o.put("{\n", 2) : o.put('{');
+  for (const JSON* c = item->child; ok && c; c = c->next) {
+    if (fmt) ok = o.put_tabs(depth + 1);
+    ok = ok && write_string(o, c->string) && (fmt ? o.put(":\t", 2) : o.put(':'));
+    ok = ok && write_value(o, c, depth + 1, fmt);
+    if (ok && c->next) ok = o.put(',');
+    if (ok && fmt) ok = o.put('\n');
+  }
+  o.leave();
+  if (fmt && ok) ok = o.put_tabs(depth);
+  return ok && o.put('}');
+}
+
+bool write_value(Output& o, const JSON* item, int depth, bool fmt) {
+  switch (type_of(item)) {
+    case JSON_FALSE: return o.put("false", 5);
+    case JSON_TRUE: return o.put("true", 4);
+    case JSON_NULL: return o.put("null", 4);
+    case JSON_NUMBER: return write_number(o, item);
+    case JSON_STRING: return write_string(o, item->valuestring);
+    case JSON_ARRAY: return write_array(o, item, depth, fmt);
+    case JSON_OBJECT: return write_object(o, item, depth, fmt);
+    default: return false;
+  }
+}
+
+}  // namespace
+
+char* print_value(JSON* item, int depth, int fmt) {
+  if (!item) return nullptr;
+  Output o;
+  return o.take(write_value(o, item, depth, fmt != 0));
+}
+
+char* print_object(JSON* item, int depth, int fmt) {
+  if (!item) return nullptr;
+  Output o;
+  return o.take(write_object(o, item, depth, fmt != 0));
+}
+
+char* print_array(JSON* item, int depth, int fmt) {
+  if (!item) return nullptr;
+  Output o;
+  return o.take(write_array(o, item, depth, fmt != 0));
+}
+
+char* print_number(JSON* item) {
+  if (!item) return nullptr;
+  Output o;
+  return o.take(write_number(o, item));
+}
+
+char* print_string(JSON* item) { return item ? print_string_ptr(item->valuestring) : nullptr; }
+
+char* print_string_ptr(const char* str) {
+  Output o;
+  return o.take(write_string(o, str));
+}
+
+char* json_PrintUnformatted(JSON* item) { return print_value(item, 0, 0); }
+
+// Deliberately the same compact text as json_PrintUnformatted.
+char* json_Print(JSON* item) { return print_value(item, 0, 0); }
