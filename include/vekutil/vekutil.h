@@ -37,5 +37,7 @@
 #include <vekutil/schevent.h>
 #include <vekutil/semaphore.h>
 #include <vekutil/threads.h>
+#include <vekutil/queue.h>
+#include <vekutil/pool.h>
 
 #endif
