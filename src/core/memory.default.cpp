@@ -3,23 +3,24 @@
 
 using namespace vek::memory;
 
-void* vekDefaultMalloc(size_t size, const char* file, int line) {
-  void* p = g_vek_memory_funcs.mallocFunc(size);
-  count_block(+1);  // a failed request is counted as well
-  if (!p) {
-    report_oom(0, size, nullptr);
-    log_vek_error("vekMalloc(size[%d]): at [%s:%d] running out of memory(handle[%d])\n", (int)size, file, line,
-                  (int)g_block.load(std::memory_order_relaxed));
-  }
-  return p;
+namespace vek::memory {
+
+void default_malloc_failed(size_t size, const char* file, int line) {
+  report_oom(0, size, nullptr);
+  log_vek_error("vekMalloc(size[%d]): at [%s:%d] running out of memory(handle[%d])\n", (int)size, file, line,
+                (int)get(g_block));
 }
+
+}  // namespace vek::memory
+
+void* vekDefaultMalloc(size_t size, const char* file, int line) { return default_malloc(size, file, line); }
 
 void* vekDefaultCalloc(size_t num, size_t size, const char* file, int line) {
   void* p = g_vek_memory_funcs.callocFunc(num, size);
   if (!p) {
     report_oom(1, size, nullptr);
     log_vek_error("vekCalloc(size[%d]): at [%s:%d] running out of memory(handle[%d])\n", (int)size, file, line,
-                  (int)g_block.load(std::memory_order_relaxed));
+                  (int)get(g_block));
   }
   return p;
 }
@@ -29,12 +30,9 @@ void* vekDefaultRealloc(void* ptr, size_t size, const char* file, int line) {
   if (!p) {
     report_oom(1, size, ptr);
     log_vek_error("vekRealloc(size[%d]): at [%s:%d] running out of memory(handle[%d])\n", (int)size, file, line,
-                  (int)g_block.load(std::memory_order_relaxed));
+                  (int)get(g_block));
   }
   return p;
 }
 
-void vekDefaultFree(void* ptr, const char*, int) {
-  g_vek_memory_funcs.freeFunc(ptr);
-  count_block(-1);  // also for NULL: the drift is accepted
-}
+void vekDefaultFree(void* ptr, const char*, int) { default_free(ptr); }

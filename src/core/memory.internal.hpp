@@ -15,13 +15,47 @@ extern std::atomic<unsigned long> g_block_max;  // largest single debug request
 extern std::atomic<unsigned long> g_size;       // bytes in use, headers included
 extern std::atomic<unsigned long> g_size_max;   // peak of g_size
 
-inline void count_block(long delta) {
-  g_block.store(g_block.load(std::memory_order_relaxed) + delta, std::memory_order_relaxed);
+inline unsigned long get(const std::atomic<unsigned long>& counter) {
+  return counter.load(std::memory_order_relaxed);
 }
+
+// A plain read-modify-write: in default mode it runs without a lock (a lost
+// update under contention is accepted); in debug mode under the list mutex.
+inline void add(std::atomic<unsigned long>& counter, long delta) {
+  counter.store(get(counter) + delta, std::memory_order_relaxed);
+}
+
+inline void raise_to(std::atomic<unsigned long>& peak, unsigned long value) {
+  if (value > get(peak)) peak.store(value, std::memory_order_relaxed);
+}
+
+inline void count_block(long delta) { add(g_block, delta); }
 
 // Calls the out-of-memory hook, if one is set.
 inline void report_oom(int kind, size_t size, void* ptr) {
   if (g_vek_memory_err_func) g_vek_memory_err_func(kind, (int)size, ptr);
 }
+
+// Out-of-line failure reports of the default bodies, kept off the fast path.
+[[gnu::cold, gnu::noinline]] void default_malloc_failed(size_t size, const char* file, int line);
+
+// The default-mode bodies, inlined into both the exported vekDefault* entry
+// points and the dispatching _vek* entry points.
+inline void* default_malloc(size_t size, const char* file, int line) {
+  void* p = g_vek_memory_funcs.mallocFunc(size);
+  count_block(+1);  // a failed request is counted as well
+  if (__builtin_expect(p == nullptr, 0)) default_malloc_failed(size, file, line);
+  return p;
+}
+
+inline void default_free(void* ptr) {
+  g_vek_memory_funcs.freeFunc(ptr);
+  count_block(-1);  // also for NULL: the drift is accepted
+}
+
+// Debug-mode bodies (memory.debug.cpp).
+void* debug_mode_malloc(size_t size, const char* file, int line);
+void* debug_mode_realloc(void* ptr, size_t size, const char* file, int line);
+void debug_mode_free(void* ptr, const char* file, int line);
 
 }  // namespace vek::memory
