@@ -1,6 +1,5 @@
-// File stream, names and paths, delete/copy/move/chmod, rolling and lock
-// files, all on real files inside a private temporary directory.
-#include <fcntl.h>
+// File stream, paths, delete/copy/move/chmod, rolling and lock files, on real
+// files inside a private temporary directory.
 #include <sys/stat.h>
 #include <sys/time.h>
 #include <unistd.h>
@@ -15,12 +14,14 @@
 
 namespace {
 
+using vektest::read_file;
+using vektest::write_file;
+
 class FileTest : public vektest::LeakCheckedTest {
  protected:
   vektest::TempDir dir;
   std::string f(const std::string& name) const { return dir.file(name); }
   bool exists(const std::string& name) const { return access(f(name).c_str(), F_OK) == 0; }
-  std::string text(const std::string& name) const { return vektest::read_file(f(name)); }
   mode_t mode_of(const std::string& name) const {
     struct stat st{};
     stat(f(name).c_str(), &st);
@@ -28,7 +29,6 @@ class FileTest : public vektest::LeakCheckedTest {
   }
 };
 
-// Takes the result of file_absolute_path and frees it.
 std::string absolute(const char* path) {
   char* p = file_absolute_path(path);
   std::string s = p ? p : "<null>";
@@ -36,10 +36,10 @@ std::string absolute(const char* path) {
   return s;
 }
 
-TEST_F(FileTest, StreamDeliversEveryByteAcrossBufferRefillsThenStaysAtEnd) {
+TEST_F(FileTest, StreamDeliversEveryByteAcrossRefillsThenStaysAtEnd) {
   std::string data;
   for (int i = 0; i < 10000; ++i) data += char(i * 7);
-  vektest::write_file(f("data"), data);
+  write_file(f("data"), data);
   void* s = nullptr;
   ASSERT_EQ(0, filestream_open(&s, f("data").c_str()));
   std::string got;
@@ -47,16 +47,10 @@ TEST_F(FileTest, StreamDeliversEveryByteAcrossBufferRefillsThenStaysAtEnd) {
   while (filestream_read(s, &ch) == 0) got += ch;
   EXPECT_EQ(data, got);
   EXPECT_EQ(-1, filestream_read(s, &ch));
-  EXPECT_EQ(-1, filestream_read(s, &ch));
   EXPECT_EQ(0, filestream_close(s));
-}
 
-TEST_F(FileTest, StreamRejectsBadInput) {
-  void* s = nullptr;
-  char ch;
   EXPECT_EQ(ERR_FILE_NOT_FOUND, filestream_open(&s, f("missing").c_str()));
   EXPECT_EQ(ERR_INVALID_PARAMETER, filestream_open(&s, nullptr));
-  EXPECT_EQ(ERR_INVALID_PARAMETER, filestream_open(nullptr, f("missing").c_str()));
   EXPECT_EQ(ERR_INVALID_PARAMETER, filestream_read(nullptr, &ch));
   EXPECT_EQ(ERR_INVALID_PARAMETER, filestream_close(nullptr));
 }
@@ -64,15 +58,10 @@ TEST_F(FileTest, StreamRejectsBadInput) {
 TEST_F(FileTest, NameChecks) {
   EXPECT_EQ(0, file_is_valid_name("a/../b", 1));
   EXPECT_EQ(ERR_FILE_TRAVERSAL, file_is_valid_name("a/../b", 0));
-  for (const char* bad : {"a:b", "a?", "*", "<x", "x>", "a|b"}) {
-    EXPECT_EQ(ERR_FILE_INVALID_NAME, file_is_valid_name(bad, 0)) << bad;
-    EXPECT_EQ(ERR_FILE_INVALID_NAME, file_is_valid_name(bad, 1)) << bad;
-  }
-  EXPECT_EQ(0, file_is_valid_name("dir/sub\\file.txt", 0));
+  for (const char* bad : {"a:b", "a?", "*", "<x", "x>", "a|b"}) EXPECT_EQ(ERR_FILE_INVALID_NAME, file_is_valid_name(bad, 1)) << bad;
   EXPECT_EQ(ERR_INVALID_PARAMETER, file_is_valid_name(nullptr, 1));
   char path[] = "a\\b\\c/d";
   EXPECT_STREQ("a/b/c/d", file_path_normalize(path));
-  EXPECT_EQ(nullptr, file_path_normalize(nullptr));
 }
 
 TEST_F(FileTest, AbsolutePathCleansUpLexicallyIncludingItsKeptQuirks) {
@@ -80,51 +69,40 @@ TEST_F(FileTest, AbsolutePathCleansUpLexicallyIncludingItsKeptQuirks) {
   EXPECT_EQ("/a/c", absolute("/a/b/../c"));
   EXPECT_EQ("", absolute("/a/.."));
   EXPECT_EQ("/srv/ucfg", absolute("/srv/u/.cfg"));
-  EXPECT_EQ("/srv/u", absolute("/srv/u/."));
   EXPECT_EQ("<null>", absolute(nullptr));
 
   char saved[4096];
   ASSERT_NE(nullptr, getcwd(saved, sizeof saved));
   ASSERT_EQ(0, chdir(dir.path().c_str()));
-  std::string here = absolute(".");  // the temp dir without the trailing "/."
-  EXPECT_EQ(dir.path(), here);
+  EXPECT_EQ(dir.path(), absolute("."));
   EXPECT_EQ(dir.path() + "/a/b/", absolute("a//b/"));
   std::string to_root = "a/..";  // then one ".." per component of the temp path
   for (char c : dir.path()) to_root += c == '/' ? "/.." : "";
   EXPECT_EQ("", absolute(to_root.c_str()));
-  EXPECT_EQ("/", absolute((to_root + "/").c_str()));
   ASSERT_EQ(0, chdir(saved));
 }
 
-TEST_F(FileTest, DeleteRemovesFilesAndEmptyDirectoriesOnly) {
-  vektest::write_file(f("file"), "x");
-  mkdir(f("empty").c_str(), 0700);
+TEST_F(FileTest, DeleteCopyAndMove) {
+  write_file(f("src"), std::string(5000, 'q') + "tail");
   mkdir(f("full").c_str(), 0700);
-  vektest::write_file(f("full/keep"), "keep");
-  EXPECT_EQ(0, file_delete(f("file").c_str()));
-  EXPECT_EQ(0, file_delete(f("empty").c_str()));
+  write_file(f("full/keep"), "keep");
   EXPECT_EQ(ERR_SYSTEM, file_delete(f("full").c_str()));
-  EXPECT_EQ("keep", text("full/keep"));
-  EXPECT_EQ(ERR_FILE_NOT_FOUND, file_delete(f("file").c_str()));
+  EXPECT_EQ("keep", read_file(f("full/keep")));
+  EXPECT_EQ(0, file_delete(f("full/keep").c_str()));
+  EXPECT_EQ(0, file_delete(f("full").c_str()));
+  EXPECT_EQ(ERR_FILE_NOT_FOUND, file_delete(f("full").c_str()));
   EXPECT_EQ(ERR_INVALID_PARAMETER, file_delete(nullptr));
-}
 
-TEST_F(FileTest, CopyAndMove) {
-  std::string data(5000, 'q');
-  data += "tail";
-  vektest::write_file(f("src"), data);
   EXPECT_EQ(0, file_copy(f("src").c_str(), f("copy").c_str()));
-  EXPECT_EQ(data, text("copy"));
+  EXPECT_EQ(read_file(f("src")), read_file(f("copy")));
   EXPECT_EQ(ERR_FILE_NOT_FOUND, file_copy(f("missing").c_str(), f("x").c_str()));
   EXPECT_EQ(ERR_FILE_CREATE, file_copy(f("src").c_str(), f("no/dir/x").c_str()));
-  EXPECT_EQ(ERR_SYSTEM, file_copy(dir.path().c_str(), f("from_dir").c_str()));  // unreadable as a file
-  EXPECT_EQ(ERR_INVALID_PARAMETER, file_copy(nullptr, f("x").c_str()));
+  EXPECT_EQ(ERR_SYSTEM, file_copy(dir.path().c_str(), f("x").c_str())) << "a directory reads as an error";
 
   struct timeval old_times[2] = {{1000, 0}, {1000, 0}};
   ASSERT_EQ(0, utimes(f("copy").c_str(), old_times));
   EXPECT_EQ(0, file_move(f("copy").c_str(), f("moved").c_str()));
   EXPECT_FALSE(exists("copy"));
-  EXPECT_EQ(data, text("moved"));
   struct stat st{};
   stat(f("moved").c_str(), &st);
   EXPECT_GT(st.st_mtime, time(nullptr) - 60) << "a moved file is touched";
@@ -133,52 +111,46 @@ TEST_F(FileTest, CopyAndMove) {
 }
 
 TEST_F(FileTest, ChmodGrantsEachFlagToEveryone) {
-  vektest::write_file(f("m"), "");
+  write_file(f("m"), "");
   const struct { int flags; mode_t bits; } table[] = {{1, 0444}, {2, 0222}, {3, 0666}, {4, 0111}, {5, 0555}, {7, 0777}, {0, 0}};
   for (auto row : table) {
     EXPECT_EQ(0, file_chmod(f("m").c_str(), row.flags));
     EXPECT_EQ(row.bits, mode_of("m")) << row.flags;
   }
-  errno = 0;
   EXPECT_EQ(-1, file_chmod(f("missing").c_str(), 7));
   EXPECT_EQ(ENOENT, errno);
 }
 
-TEST_F(FileTest, RollShiftsNumberedCopies) {
-  for (const char* n : {"log", "log.1", "log.2"}) vektest::write_file(f(n), n);
+TEST_F(FileTest, RollShiftsNumberedCopiesAndLeavesOverlongNamesAlone) {
+  for (const char* n : {"log", "log.1", "log.2"}) write_file(f(n), n);
   file_roll(f("log").c_str(), 2);
   EXPECT_FALSE(exists("log"));
-  EXPECT_EQ("log", text("log.1"));
-  EXPECT_EQ("log.1", text("log.2"));
+  EXPECT_EQ("log", read_file(f("log.1")));
+  EXPECT_EQ("log.1", read_file(f("log.2")));
   EXPECT_FALSE(exists("log.3"));
-
-  vektest::write_file(f("log"), "new");
+  write_file(f("log"), "new");
   file_roll(f("log").c_str(), 0);
-  EXPECT_EQ("new", text("log"));
-  file_roll(f("log").c_str(), -2);  // only deletes "log.-2"
-  EXPECT_EQ("new", text("log"));
-  EXPECT_EQ("log", text("log.1"));
+  file_roll(f("log").c_str(), -2);  // deletes "log.-2" only
   file_roll(nullptr, 3);
-}
+  EXPECT_EQ("new", read_file(f("log")));
+  EXPECT_EQ("log", read_file(f("log.1")));
 
-TEST_F(FileTest, RollOfOverlongNameTouchesNothing) {
-  // Cut to 146 bytes, "name.N" would collide with the file's own prefix.
+  // Cut to 146 bytes, every "name.N" would be the file's own prefix.
   std::string name = f(std::string(150 - dir.path().size(), 'n'));
   std::string prefix = name.substr(0, 146);
-  vektest::write_file(name, "current");
-  vektest::write_file(prefix, "other");
+  write_file(name, "current");
+  write_file(prefix, "other");
   file_roll(name.c_str(), 3);
-  EXPECT_EQ("current", vektest::read_file(name));
-  EXPECT_EQ("other", vektest::read_file(prefix));
+  EXPECT_EQ("current", read_file(name));
+  EXPECT_EQ("other", read_file(prefix));
 }
 
 TEST_F(FileTest, LockFileIsExclusiveEmptyAndReleasable) {
   int id = -1, second = -1;
   ASSERT_EQ(0, file_lock(f("lock").c_str(), &id));
-  EXPECT_GT(id, 0);
   EXPECT_EQ(ERR_FILE_ACCESS_DENIED, file_lock(f("lock").c_str(), &second));
   EXPECT_EQ(0, second);
-  EXPECT_EQ("", text("lock"));
+  EXPECT_EQ("", read_file(f("lock")));
   EXPECT_EQ(0700, mode_of("lock"));
   EXPECT_EQ(0, file_unlock(f("lock").c_str(), id));
   EXPECT_FALSE(exists("lock"));
@@ -186,8 +158,7 @@ TEST_F(FileTest, LockFileIsExclusiveEmptyAndReleasable) {
   EXPECT_EQ(0, file_unlock(f("lock").c_str(), id));
 
   EXPECT_EQ(ERR_SYSTEM, file_lock(f("no/dir/lock").c_str(), &second));
-  EXPECT_EQ(0, second);
-  vektest::write_file(f("held"), "");
+  write_file(f("held"), "");
   EXPECT_EQ(ERR_SYSTEM, file_unlock(f("held").c_str(), -1));
   EXPECT_TRUE(exists("held")) << "a failed unlock keeps the file";
   EXPECT_EQ(ERR_INVALID_PARAMETER, file_lock(nullptr, &id));
