@@ -114,9 +114,12 @@ Node* new_node(void* e) {
 int index_node(List* l, Node* n) {
   if (!l->search_btree) return 0;
   n->hash = l->hash_func(n->element);
+  // The tree hands back the element already filed under the key, which is
+  // the same pointer when an element is inserted twice: the count tells.
+  int before = btree_count(l->search_btree);
   void* filed = btree_insert_with_hash(l->search_btree, n->element, n->hash);
-  if (filed == n->element) return 0;
-  return filed ? ERR_ALREADY_EXISTS : ERR_NO_MEMORY;
+  if (!filed) return ERR_NO_MEMORY;
+  return btree_count(l->search_btree) > before ? 0 : ERR_ALREADY_EXISTS;
 }
 
 // Unlinks n, drops it from the index, releases its element if the list owns
