@@ -13,11 +13,13 @@
 
 #include "core/internal.hpp"
 #include "threads/diag.hpp"
+#include "threads/instrumented.hpp"
 
 namespace {
 
 constexpr const char* kSource = "src/event.c";
-constexpr int kNameCapacity = 68;  // 64 characters, terminated
+constexpr int kNameCapacity = 68;
+constexpr int kNameMax = 64;
 constexpr int kWaitForever = -1;
 
 struct EventRecord {
@@ -30,6 +32,7 @@ struct EventRecord {
   vek::Diag<int> block_by_line;
   vek::Diag<int> err;
   char name[kNameCapacity];
+  bool registered;  // listed in the registry (not after a failed init)
 };
 
 EventRecord* as_event(void* handle) { return static_cast<EventRecord*>(handle); }
@@ -145,13 +148,41 @@ int wait_until_open(EventRecord* e, int timeout, const char* file, int line) {
   return 0;
 }
 
+void render_header(JSON* row) {
+  static const char* const kTitles[] = {"Name", "Is Locked", "Wait Count"};
+  vek::add_titles(row, kTitles, 3);
+}
+
+void render_row(const void* item, JSON* row) {
+  auto* e = static_cast<const EventRecord*>(item);
+  json_AddItemToArray(row, json_CreateString(e->name));
+  vek::add_number(row, e->is_locked.get());
+  vek::add_number(row, e->wait_count.get());
+}
+
+void render_detail(const void* item, JSON* object) {
+  auto* e = static_cast<const EventRecord*>(item);
+  vek::add_text(object, "name", e->name);
+  vek::add_count(object, "wait count", e->wait_count.get());
+  vek::add_position(object, "block by file", e->block_by_file.get(), e->block_by_line.get());
+  vek::add_count(object, "usage", e->usage_count.get());
+  vek::add_count(object, "last error", e->err.get());
+}
+
 }  // namespace
+
+void* g_event_instrument_handle = nullptr;
+
+void* event_instrument_handle(void) {
+  return vek::lazy_instrument_group(&g_event_instrument_handle, "event_instrument_handle()", render_header,
+                                    render_row, render_detail);
+}
 
 int event_create_ex(void** handle, const char* name, int options) {
   if (!handle) return ERR_INVALID_HANDLE;
   auto* e = vek::alloc_record<EventRecord>(kSource, __LINE__);
   if (!e) return ERR_NO_MEMORY;
-  vek::copy_name(e->name, 65, name);
+  vek::copy_name(e->name, kNameMax + 1, name);
   e->is_locked.set(1);
   *handle = e;
   // On failure the record stays with the caller, who reads the error and
@@ -168,6 +199,8 @@ int event_create_ex(void** handle, const char* name, int options) {
     log_vek_error("event_create(name[%s],options[%d]): pthread_cond_init failed[%d]\n", e->name, options, rc);
     return ERR_SYSTEM;
   }
+  e->registered = true;
+  instrument_add(event_instrument_handle(), e);
   return 0;
 }
 
@@ -206,6 +239,7 @@ int event_wait(void* handle, int timeout) { return _event_wait(handle, timeout, 
 int event_delete(void* handle) {
   if (!handle) return ERR_INVALID_HANDLE;
   EventRecord* e = as_event(handle);
+  if (e->registered) instrument_remove(vek::existing_group(&g_event_instrument_handle), e);
   int rc = pthread_cond_destroy(&e->cond);
   if (rc != 0) log_vek_error("event_delete(name[%s]): pthread_cond_destroy failed[%d]\n", e->name, rc);
   rc = pthread_mutex_destroy(&e->mux);

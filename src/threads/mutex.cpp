@@ -19,11 +19,13 @@
 
 #include "core/internal.hpp"
 #include "threads/diag.hpp"
+#include "threads/instrumented.hpp"
 
 namespace {
 
 constexpr const char* kSource = "src/mutex.c";
-constexpr int kNameCapacity = 68;  // 64 characters, terminated
+constexpr int kNameCapacity = 68;
+constexpr int kNameMax = 64;
 
 struct MutexRecord {
   pthread_mutex_t handle;
@@ -49,7 +51,41 @@ int fail(MutexRecord* m, int rc) {
   return ERR_SYSTEM;
 }
 
+void render_header(JSON* row) {
+  static const char* const kTitles[] = {"Name", "Is Locked", "Locked Time", "Usage"};
+  vek::add_titles(row, kTitles, 4);
+}
+
+void render_row(const void* item, JSON* row) {
+  auto* m = static_cast<const MutexRecord*>(item);
+  json_AddItemToArray(row, json_CreateString(m->name));
+  vek::add_number(row, m->is_locked.get());
+  vek::add_number(row, m->lock_timestamp_in_sec.get());  // raw seconds, not an age
+  vek::add_number(row, m->usage_count.get());
+}
+
+void render_detail(const void* item, JSON* object) {
+  auto* m = static_cast<const MutexRecord*>(item);
+  vek::add_text(object, "name", m->name);
+  vek::add_position(object, "created by file", m->created_by_file, m->created_by_line);
+  vek::add_text(object, "is_locked", m->is_locked.get() ? "True" : "False");
+  vek::add_position(object, "lock by file", m->lock_by_file.get(), m->lock_by_line.get());
+  vek::add_count(object, "lock by thread", m->lock_by_thread_id.get());
+  // An age even when unlocked or never locked (then counted from the epoch).
+  vek::add_text(object, "locked time",
+                format("%d seconds ago", (int)time_now_in_sec() - m->lock_timestamp_in_sec.get()));
+  vek::add_count(object, "usage count", m->usage_count.get());
+  vek::add_count(object, "last error", m->err.get());
+}
+
 }  // namespace
+
+void* g_mutex_instrument_handle = nullptr;
+
+void* mutex_instrument_handle(void) {
+  return vek::lazy_instrument_group(&g_mutex_instrument_handle, "mutex_instrument_handle()", render_header,
+                                    render_row, render_detail);
+}
 
 int _mutex_create_ex(void** handle, const char* name, int options, const char* file, int line) {
   if (!handle) return ERR_INVALID_HANDLE;
@@ -61,11 +97,12 @@ int _mutex_create_ex(void** handle, const char* name, int options, const char* f
   m->options = options;
   m->created_by_file = file;
   m->created_by_line = line;
-  vek::copy_name(m->name, 65, name);
+  vek::copy_name(m->name, kNameMax + 1, name);
   // The static initialiser, not pthread_mutex_init: the kind is fixed to
   // recursive whatever the options say.
   const pthread_mutex_t recursive = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
   m->handle = recursive;
+  if (is_instrumented(m)) instrument_add(mutex_instrument_handle(), m);
   *handle = m;
   return 0;
 }
@@ -126,7 +163,7 @@ int mutex_unlock(void* handle) { return _mutex_unlock(handle, VEK_BACKWARD_FILE,
 int mutex_delete(void* handle) {
   if (!handle) return ERR_INVALID_HANDLE;
   MutexRecord* m = as_mutex(handle);
-  (void)is_instrumented(m);
+  if (is_instrumented(m)) instrument_remove(vek::existing_group(&g_mutex_instrument_handle), m);
   // Destroy refuses a held mutex: release it once and try again. The record
   // is freed whatever happened.
   if (pthread_mutex_destroy(&m->handle) != 0) {

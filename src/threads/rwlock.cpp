@@ -11,11 +11,13 @@
 
 #include "core/internal.hpp"
 #include "threads/diag.hpp"
+#include "threads/instrumented.hpp"
 
 namespace {
 
 constexpr const char* kSource = "src/rwlock.c";
-constexpr int kNameCapacity = 68;  // 64 characters, terminated
+constexpr int kNameCapacity = 68;
+constexpr int kNameMax = 64;
 
 struct RwlockRecord {
   pthread_rwlock_t handle;
@@ -26,6 +28,7 @@ struct RwlockRecord {
   vek::Diag<int> last_lock_by_line;
   vek::Diag<int> err;
   char name[kNameCapacity];
+  bool registered;  // listed in the registry (not after a failed init)
 };
 
 RwlockRecord* as_rwlock(void* handle) { return static_cast<RwlockRecord*>(handle); }
@@ -41,7 +44,42 @@ void record_lock(RwlockRecord* r, vek::Diag<int>& counter, const char* file, int
   r->last_lock_by_line.set(line);
 }
 
+// Readers, writers and unlocks are counted apart, so under contention the
+// difference may drift for a moment; it only feeds diagnostics.
+int current_holders(const RwlockRecord* r) {
+  return r->readlock_count.get() + r->writelock_count.get() - r->unlock_count.get();
+}
+
+void render_header(JSON* row) {
+  static const char* const kTitles[] = {"Name", "Current Lock Count"};
+  vek::add_titles(row, kTitles, 2);
+}
+
+void render_row(const void* item, JSON* row) {
+  auto* r = static_cast<const RwlockRecord*>(item);
+  json_AddItemToArray(row, json_CreateString(r->name));
+  vek::add_number(row, current_holders(r));
+}
+
+void render_detail(const void* item, JSON* object) {
+  auto* r = static_cast<const RwlockRecord*>(item);
+  vek::add_text(object, "name", r->name);
+  vek::add_position(object, "last lock by file", r->last_lock_by_file.get(), r->last_lock_by_line.get());
+  vek::add_count(object, "readlock count", r->readlock_count.get());
+  vek::add_count(object, "writelock count", r->writelock_count.get());
+  vek::add_count(object, "unlock count", r->unlock_count.get());
+  vek::add_count(object, "delta", current_holders(r));
+  vek::add_count(object, "last error", r->err.get());
+}
+
 }  // namespace
+
+void* g_rwlock_instrument_handle = nullptr;
+
+void* rwlock_instrument_handle(void) {
+  return vek::lazy_instrument_group(&g_rwlock_instrument_handle, "rwlock_instrument_handle()", render_header,
+                                    render_row, render_detail);
+}
 
 int rwlock_create_ex(void** handle, int, const char* name) {
   if (!handle) return ERR_INVALID_HANDLE;
@@ -50,7 +88,7 @@ int rwlock_create_ex(void** handle, int, const char* name) {
     log_vek_error("rwlock_create(): vekMalloc failed\n");
     return ERR_NO_MEMORY;
   }
-  vek::copy_name(r->name, 65, name);
+  vek::copy_name(r->name, kNameMax + 1, name);
   *handle = r;
   int rc = pthread_rwlock_init(&r->handle, nullptr);
   if (rc != 0) {
@@ -58,6 +96,8 @@ int rwlock_create_ex(void** handle, int, const char* name) {
     log_vek_error("rwlock_create(%s): pthread_rwlock_init failed[%d]\n", r->name, rc);
     return fail(r, rc);
   }
+  r->registered = true;
+  instrument_add(rwlock_instrument_handle(), r);
   return 0;
 }
 
@@ -105,6 +145,7 @@ int rwlock_unlock(void* handle) {
 int rwlock_delete(void* handle) {
   if (!handle) return ERR_INVALID_HANDLE;
   RwlockRecord* r = as_rwlock(handle);
+  if (r->registered) instrument_remove(vek::existing_group(&g_rwlock_instrument_handle), r);
   pthread_rwlock_destroy(&r->handle);  // result deliberately ignored
   _vekFree(r, kSource, __LINE__);
   return 0;

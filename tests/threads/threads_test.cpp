@@ -1,0 +1,169 @@
+// ctest-labels: tsan
+// Threads: joinable and detached creation, the stack-size policy written
+// back into the arguments, the priority defaults, ids and sleeping.
+#include <chrono>
+#include <csignal>
+#include <pthread.h>
+
+#include <atomic>
+
+#include <vek_test.hpp>
+#include <vekutil/errors.h>
+#include <vekutil/semaphore.h>
+#include <vekutil/threads.h>
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+long long elapsed_ms(Clock::time_point since) {
+  return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - since).count();
+}
+
+// Restores the process-wide defaults a test changes.
+class ThreadsTest : public vektest::LeakCheckedTest {
+ protected:
+  void TearDown() override {
+    thread_set_stack_size(1048576);
+    thread_set_stack_min(0);
+    thread_set_default_prio(0);
+    LeakCheckedTest::TearDown();
+  }
+};
+
+void* report_own_id(void* out) {
+  *static_cast<int*>(out) = thread_id(nullptr);
+  return out;
+}
+
+void* do_nothing(void*) { return nullptr; }
+
+// Runs a joinable thread with ex and returns the stack size written back.
+int stack_after_create(int requested) {
+  THREAD_EX_ARGS ex = {"sized", requested, 0};
+  void* t = nullptr;
+  EXPECT_EQ(0, thread_create_ex(&t, do_nothing, nullptr, &ex));
+  EXPECT_EQ(0, thread_join(t, nullptr));
+  EXPECT_EQ(0, thread_delete(t));
+  return ex.stack;
+}
+
+TEST_F(ThreadsTest, JoinReturnsTheResultAndIdsAgree) {
+  int seen_inside = 0;
+  void* t = nullptr;
+  ASSERT_EQ(0, thread_create(&t, report_own_id, &seen_inside));
+  void* result = nullptr;
+  ASSERT_EQ(0, thread_join(t, &result));
+  EXPECT_EQ(&seen_inside, result);
+  EXPECT_EQ(thread_id(t), seen_inside);
+  EXPECT_NE(thread_id(nullptr), seen_inside);
+  EXPECT_EQ(0, thread_error(t));
+  EXPECT_EQ(0, thread_delete(t));
+}
+
+TEST_F(ThreadsTest, StackRequestsAreCorrectedAndWrittenBack) {
+  THREAD_EX_ARGS* ex = nullptr;
+  ASSERT_EQ(0, thread_ex_create(&ex));
+  EXPECT_EQ(nullptr, ex->name);
+  EXPECT_EQ(1048576, ex->stack);
+  EXPECT_EQ(0, ex->priority);
+  thread_ex_delete(ex);
+
+  EXPECT_EQ(16384, stack_after_create(1000));
+  EXPECT_EQ(200000, stack_after_create(200000));
+  thread_set_stack_min(65536);
+  EXPECT_EQ(65536, stack_after_create(20000));
+  thread_set_stack_min(20000);  // a minimum below the floor wins over it
+  EXPECT_EQ(20000, stack_after_create(1000));
+}
+
+TEST_F(ThreadsTest, PriorityStepsLeaveTheDefaultPolicyAlone) {
+  thread_set_default_prio(-1);
+  EXPECT_EQ(0, g_thread_default_prio);
+  thread_set_default_prio(2);
+  EXPECT_EQ(2, g_thread_default_prio);
+  // Under the default policy the priority read back is 0: no step, no error.
+  vektest::LogCapture log;
+  THREAD_EX_ARGS ex = {nullptr, 65536, 1};
+  void* t = nullptr;
+  ASSERT_EQ(0, thread_create_ex(&t, do_nothing, nullptr, &ex));
+  EXPECT_EQ(0, thread_join(t, nullptr));
+  EXPECT_EQ(0, thread_delete(t));
+  EXPECT_FALSE(log.contains("failed")) << log.text();
+}
+
+void* post_semaphore(void* sem) {
+  semaphore_signal(sem);
+  return nullptr;
+}
+
+TEST_F(ThreadsTest, DetachedThreadsRun) {
+  void* sem = nullptr;
+  ASSERT_EQ(0, semaphore_create(&sem));
+  ASSERT_EQ(0, thread_create_detached(post_semaphore, sem));
+  THREAD_EX_ARGS ex = {nullptr, 100, 0};
+  ASSERT_EQ(0, thread_create_detached_ex(post_semaphore, sem, &ex));
+  EXPECT_EQ(16384, ex.stack);
+  EXPECT_EQ(0, semaphore_timedwait(sem, 5000));
+  EXPECT_EQ(0, semaphore_timedwait(sem, 5000));
+  EXPECT_EQ(0, semaphore_delete(sem));
+
+  void* t = nullptr;
+  ASSERT_EQ(0, thread_create(&t, do_nothing, nullptr));
+  EXPECT_EQ(0, thread_detach(t));
+  EXPECT_EQ(0, thread_delete(t));
+}
+
+void ignore_signal(int) {}
+
+std::atomic<bool> g_sleeper_started{false};
+pthread_t g_sleeper;
+
+void* sleep_200ms(void* elapsed) {
+  g_sleeper = pthread_self();
+  g_sleeper_started = true;
+  Clock::time_point start = Clock::now();
+  thread_sleep(200);
+  *static_cast<long long*>(elapsed) = elapsed_ms(start);
+  return nullptr;
+}
+
+TEST_F(ThreadsTest, SleepResumesAfterSignals) {
+  Clock::time_point start = Clock::now();
+  thread_sleep(0);
+  thread_sleep(-5);  // an invalid time returns at once
+  EXPECT_LT(elapsed_ms(start), 50);
+
+  struct sigaction action = {}, previous = {};
+  action.sa_handler = ignore_signal;
+  ASSERT_EQ(0, sigaction(SIGUSR1, &action, &previous));
+  long long slept = 0;
+  void* t = nullptr;
+  ASSERT_EQ(0, thread_create(&t, sleep_200ms, &slept));
+  while (!g_sleeper_started) thread_sleep(1);
+  for (int i = 0; i < 5; ++i) {
+    thread_sleep(20);
+    pthread_kill(g_sleeper, SIGUSR1);
+  }
+  ASSERT_EQ(0, thread_join(t, nullptr));
+  EXPECT_GE(slept, 199);
+  EXPECT_EQ(0, thread_delete(t));
+  sigaction(SIGUSR1, &previous, nullptr);
+}
+
+TEST_F(ThreadsTest, BadArgumentsAreRefused) {
+  void* t = nullptr;
+  THREAD_EX_ARGS ex = {nullptr, 65536, 0};
+  EXPECT_EQ(ERR_INVALID_HANDLE, thread_create(nullptr, do_nothing, nullptr));
+  EXPECT_EQ(ERR_INVALID_PARAMETER, thread_create(&t, nullptr, nullptr));
+  EXPECT_EQ(ERR_INVALID_PARAMETER, thread_create_ex(&t, do_nothing, nullptr, nullptr));
+  EXPECT_EQ(ERR_INVALID_PARAMETER, thread_create_detached_ex(do_nothing, nullptr, nullptr));
+  EXPECT_EQ(ERR_INVALID_PARAMETER, thread_create_detached(nullptr, &ex));
+  EXPECT_EQ(ERR_INVALID_PARAMETER, thread_ex_create(nullptr));
+  EXPECT_EQ(ERR_INVALID_HANDLE, thread_join(nullptr, nullptr));
+  EXPECT_EQ(ERR_INVALID_HANDLE, thread_detach(nullptr));
+  EXPECT_EQ(ERR_INVALID_HANDLE, thread_delete(nullptr));
+  EXPECT_EQ(ERR_INVALID_HANDLE, thread_error(nullptr));
+}
+
+}  // namespace
