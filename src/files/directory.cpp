@@ -95,6 +95,22 @@ int delete_entry(const char* path, void* info, void*) {
   return 0;
 }
 
+// The walk skips entries it cannot describe; a link whose target is gone is
+// one of them and would keep its directory from being removed.
+void delete_dangling_links(const char* name) {
+  char** names = nullptr;
+  if (directory_query2(name, nullptr, &names) <= 0) {
+    if (names) free_list(names);
+    return;
+  }
+  for (char** entry = names; *entry; ++entry) {
+    char* path = join_path(name, *entry);
+    if (path && is_symlink(path)) file_delete(path);
+    _vekFree(path, kSource, __LINE__);
+  }
+  free_list(names);
+}
+
 }  // namespace
 
 extern "C" {
@@ -207,6 +223,7 @@ int directory_delete_recursive(const char* name) {
     return 0;
   }
   int rc = directory_foreach(name, 1, delete_entry, nullptr);
+  if (rc == 0) delete_dangling_links(name);
   rmdir(name);
   return rc < 0 ? rc : 0;
 }

@@ -4,6 +4,7 @@
 #include <vekutil/fileinfo.h>
 
 #include <cstddef>
+#include <climits>
 #include <cstring>
 #include <sys/stat.h>
 
@@ -46,22 +47,31 @@ void set_type(_FILEINFO* info, mode_t mode) {
 }
 
 // stat of name without one trailing separator ("dir/" names "dir"); the
-// root "/" stays as it is.
+// root "/" stays as it is. A name too long for the system fails either way.
 bool stat_without_trailing_separator(const char* name, struct stat* st) {
   size_t len = std::strlen(name);
   if (len < 2 || (name[len - 1] != '/' && name[len - 1] != '\\')) return stat(name, st) == 0;
-  char* trimmed = clone_string(name, (int)(len - 1));
-  if (!trimmed) return false;
-  bool ok = stat(trimmed, st) == 0;
-  _vekFree(trimmed, kSource, __LINE__);
-  return ok;
+  char trimmed[PATH_MAX];
+  if (len > sizeof trimmed) return false;
+  std::memcpy(trimmed, name, len - 1);
+  trimmed[len - 1] = '\0';
+  return stat(trimmed, st) == 0;
 }
 
-// The accessors share one shape: the field for a handle, a fallback for null.
-template <class T, class Get>
-T field_or(void* handle, T fallback, Get get) {
+// The accessors: a field of the record, or the null-handle answer.
+unsigned int time_or_error(void* handle, time_t _FILEINFO::*field) {
   _FILEINFO* info = record(handle);
-  return info ? get(info) : fallback;
+  return info ? (unsigned int)(info->*field) : (unsigned int)ERR_INVALID_HANDLE;
+}
+
+const char* text_or_null(void* handle, char (_FILEINFO::*field)[FILEINFO_TEXT_SIZE]) {
+  _FILEINFO* info = record(handle);
+  return info ? info->*field : nullptr;
+}
+
+int type_is(void* handle, int type) {
+  _FILEINFO* info = record(handle);
+  return info ? int(info->type == type) : ERR_INVALID_HANDLE;
 }
 
 }  // namespace
@@ -108,34 +118,18 @@ int fileinfo_delete(void* handle) {
 }
 
 long long fileinfo_size(void* handle) {
-  return field_or<long long>(handle, ERR_INVALID_HANDLE, [](_FILEINFO* i) { return i->size; });
+  _FILEINFO* info = record(handle);
+  return info ? info->size : ERR_INVALID_HANDLE;
 }
-unsigned int fileinfo_created_time(void* handle) {
-  return field_or<unsigned int>(handle, (unsigned int)ERR_INVALID_HANDLE, [](_FILEINFO* i) { return (unsigned int)i->cTime; });
-}
-unsigned int fileinfo_modified_time(void* handle) {
-  return field_or<unsigned int>(handle, (unsigned int)ERR_INVALID_HANDLE, [](_FILEINFO* i) { return (unsigned int)i->mTime; });
-}
-unsigned int fileinfo_accessed_time(void* handle) {
-  return field_or<unsigned int>(handle, (unsigned int)ERR_INVALID_HANDLE, [](_FILEINFO* i) { return (unsigned int)i->aTime; });
-}
-int fileinfo_isfile(void* handle) {
-  return field_or<int>(handle, ERR_INVALID_HANDLE, [](_FILEINFO* i) { return int(i->type == FILEINFO_TYPE_FILE); });
-}
-int fileinfo_isdirectory(void* handle) {
-  return field_or<int>(handle, ERR_INVALID_HANDLE, [](_FILEINFO* i) { return int(i->type == FILEINFO_TYPE_DIRECTORY); });
-}
-const char* fileinfo_created_time_str(void* handle) {
-  return field_or<const char*>(handle, nullptr, [](_FILEINFO* i) -> const char* { return i->cTime2; });
-}
-const char* fileinfo_modified_time_str(void* handle) {
-  return field_or<const char*>(handle, nullptr, [](_FILEINFO* i) -> const char* { return i->mTime2; });
-}
-const char* fileinfo_accessed_time_str(void* handle) {
-  return field_or<const char*>(handle, nullptr, [](_FILEINFO* i) -> const char* { return i->aTime2; });
-}
-const char* fileinfo_type_str(void* handle) {
-  return field_or<const char*>(handle, nullptr, [](_FILEINFO* i) -> const char* { return i->type2; });
-}
+
+unsigned int fileinfo_created_time(void* handle) { return time_or_error(handle, &_FILEINFO::cTime); }
+unsigned int fileinfo_modified_time(void* handle) { return time_or_error(handle, &_FILEINFO::mTime); }
+unsigned int fileinfo_accessed_time(void* handle) { return time_or_error(handle, &_FILEINFO::aTime); }
+int fileinfo_isfile(void* handle) { return type_is(handle, FILEINFO_TYPE_FILE); }
+int fileinfo_isdirectory(void* handle) { return type_is(handle, FILEINFO_TYPE_DIRECTORY); }
+const char* fileinfo_created_time_str(void* handle) { return text_or_null(handle, &_FILEINFO::cTime2); }
+const char* fileinfo_modified_time_str(void* handle) { return text_or_null(handle, &_FILEINFO::mTime2); }
+const char* fileinfo_accessed_time_str(void* handle) { return text_or_null(handle, &_FILEINFO::aTime2); }
+const char* fileinfo_type_str(void* handle) { return text_or_null(handle, &_FILEINFO::type2); }
 
 }  // extern "C"

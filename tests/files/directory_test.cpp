@@ -87,6 +87,7 @@ TEST_F(DirectoryTest, RecursiveDeleteRemovesTheTreeAndNothingElse) {
   vektest::write_file(f("outside/keep"), "keep");
   ASSERT_EQ(0, symlink(f("outside").c_str(), f("root/l1/link").c_str()));
   ASSERT_EQ(0, symlink(f("outside").c_str(), f("top").c_str()));
+  ASSERT_EQ(0, symlink(f("gone").c_str(), f("root/l1/l2/dangling").c_str()));
   EXPECT_EQ(0, directory_delete_recursive(root.c_str()));
   EXPECT_EQ(0, directory_delete_recursive(f("top").c_str()));
   EXPECT_FALSE(exists("root"));
