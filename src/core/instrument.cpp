@@ -98,17 +98,20 @@ int instrument_add(void* handle, void* item) {
   if (disabled()) return ERR_DISABLED;
   Group* g = static_cast<Group*>(handle);
   if (!g || !item) return ERR_INVALID_PARAMETER;
-  void* filed;
+  bool exists;
+  void* filed = nullptr;
   {
+    // Looked up first: inserting the same item again would hand back the
+    // item itself, indistinguishable from a fresh insertion.
     GroupLock lock(g, __LINE__);
-    filed = btree_insert(g->btree, item);
+    exists = btree_find_by_object(g->btree, item) != nullptr;
+    if (!exists) filed = btree_insert(g->btree, item);
   }
-  if (!filed) return ERR_NO_MEMORY;
-  if (filed != item) {
+  if (exists) {
     log_vek_error("instrument_add(%s): item already exists!\n", g->name);
     return ERR_ALREADY_EXISTS;
   }
-  return 0;
+  return filed ? 0 : ERR_NO_MEMORY;
 }
 
 int instrument_remove(void* handle, void* item) {
