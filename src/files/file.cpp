@@ -77,6 +77,11 @@ void drop_slash_dots(char* text) {
   for (char* at; (at = std::strstr(text, "/.")) != nullptr;) erase_at(at, 2);
 }
 
+bool same_file(FILE* open_file, const char* name) {
+  struct stat a, b;
+  return fstat(fileno(open_file), &a) == 0 && stat(name, &b) == 0 && a.st_dev == b.st_dev && a.st_ino == b.st_ino;
+}
+
 // The roll's numbered name; false when it does not fit the roll's buffer
 // (a cut name could collide with other numbered names or with the file).
 bool roll_name(char (&out)[kRollNameSize], const char* filename, int number) {
@@ -174,6 +179,10 @@ int file_copy(const char* src, const char* dst) {
   if (!src || !dst) return ERR_INVALID_PARAMETER;
   FILE* in = std::fopen(src, "rb");
   if (!in) return ERR_FILE_NOT_FOUND;
+  if (same_file(in, dst)) {  // opening it for writing would empty the source
+    std::fclose(in);
+    return ERR_FILE_CREATE;
+  }
   FILE* out = std::fopen(dst, "wb");
   if (!out) {
     std::fclose(in);

@@ -97,6 +97,8 @@ TEST_F(FileTest, DeleteCopyAndMove) {
   EXPECT_EQ(read_file(f("src")), read_file(f("copy")));
   EXPECT_EQ(ERR_FILE_NOT_FOUND, file_copy(f("missing").c_str(), f("x").c_str()));
   EXPECT_EQ(ERR_FILE_CREATE, file_copy(f("src").c_str(), f("no/dir/x").c_str()));
+  EXPECT_EQ(ERR_FILE_CREATE, file_copy(f("src").c_str(), (dir.path() + "//src").c_str()));
+  EXPECT_EQ(read_file(f("copy")), read_file(f("src"))) << "a copy onto itself keeps the source";
   EXPECT_EQ(ERR_SYSTEM, file_copy(dir.path().c_str(), f("x").c_str())) << "a directory reads as an error";
 
   struct timeval old_times[2] = {{1000, 0}, {1000, 0}};
