@@ -33,11 +33,7 @@ TEST_F(MutexContentionTest, TrylockSeesAnotherThreadsLock) {
 }
 
 TEST_F(MutexContentionTest, CounterStaysExactUnderContention) {
-#if defined(__SANITIZE_THREAD__)
-  constexpr int kRounds = 20000;  // the sanitizer makes every lock far slower
-#else
   constexpr int kRounds = 100000;
-#endif
   constexpr int kThreads = 8;
   void* m = nullptr;
   ASSERT_EQ(0, MUTEX_CREATE(&m, "counter", 0));
