@@ -41,16 +41,18 @@ inline void report_oom(int kind, size_t size, void* ptr) {
 
 // The default-mode bodies, inlined into both the exported vekDefault* entry
 // points and the dispatching _vek* entry points.
+// The counter moves before the call: nothing is left to do after a release
+// (a tail call), and a failed request is counted as well.
 inline void* default_malloc(size_t size, const char* file, int line) {
+  count_block(+1);
   void* p = g_vek_memory_funcs.mallocFunc(size);
-  count_block(+1);  // a failed request is counted as well
   if (__builtin_expect(p == nullptr, 0)) default_malloc_failed(size, file, line);
   return p;
 }
 
 inline void default_free(void* ptr) {
-  g_vek_memory_funcs.freeFunc(ptr);
   count_block(-1);  // also for NULL: the drift is accepted
+  g_vek_memory_funcs.freeFunc(ptr);
 }
 
 // Debug-mode bodies (memory.debug.cpp).
