@@ -48,14 +48,13 @@ class Output {
     return true;
   }
 
-  // Hands the text to the caller (trimmed to size), or nullptr on failure.
+  // Hands the text to the caller, or nullptr on failure. Much unused room
+  // is given back by moving the text into a block of its own size.
   char* take(bool ok) {
     if (!ok || !reserve(0)) return nullptr;
+    if (cap_ - len_ > len_ / 8 + 64) move_to(len_ + 1);
     buf_[len_] = '\0';
     char* text = buf_;
-    if (cap_ - len_ > 64) {
-      if (char* trimmed = static_cast<char*>(_vekRealloc(buf_, len_ + 1, kSource, __LINE__))) text = trimmed;
-    }
     buf_ = nullptr;
     return text;
   }
@@ -77,10 +76,18 @@ class Output {
   bool grow(size_t n) {
     size_t want = cap_ ? cap_ * 2 : 256;
     if (want < len_ + n + 1) want = len_ + n + 1;
-    char* bigger = static_cast<char*>(_vekRealloc(buf_, want, kSource, __LINE__));
-    if (!bigger) return false;
-    buf_ = bigger;
-    cap_ = want;
+    return move_to(want);
+  }
+
+  // Moves the text into a new block of the given size. Allocate-copy-free
+  // rather than realloc: whatever fails, buf_ stays a valid block we own.
+  bool move_to(size_t size) {
+    char* block = static_cast<char*>(_vekMalloc(size, kSource, __LINE__));
+    if (!block) return false;
+    if (len_) std::memcpy(block, buf_, len_ < size ? len_ : size);
+    _vekFree(buf_, kSource, __LINE__);
+    buf_ = block;
+    cap_ = size;
     return true;
   }
 
