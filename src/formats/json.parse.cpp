@@ -129,7 +129,6 @@ const char* string_at(Parser& p, JSON* item, const char* str) {
 constexpr double kExactPowersOf10[] = {1e0,  1e1,  1e2,  1e3,  1e4,  1e5,  1e6,  1e7,  1e8,  1e9,  1e10, 1e11,
                                        1e12, 1e13, 1e14, 1e15, 1e16, 1e17, 1e18, 1e19, 1e20, 1e21, 1e22};
 constexpr uint64_t kMaxExactMantissa = uint64_t{1} << 53;
-constexpr uint64_t kMantissaCap = 1000000000000000000ULL;  // m*10+9 still fits 64 bits
 
 // mantissa * 10^exponent. Exact operands give a correctly rounded result;
 // others go through pow.
