@@ -46,15 +46,16 @@ VEK_API char* file_absolute_path(const char* path);
 VEK_API int file_delete(const char* src);
 /* Copies the bytes of src into dst (created or truncated); permissions and
  * times are not copied. ERR_FILE_NOT_FOUND when src cannot be opened,
- * ERR_FILE_CREATE when dst cannot be created, ERR_SYSTEM on a short write
- * (the partial dst stays). */
+ * ERR_FILE_CREATE when dst cannot be created or is src itself, ERR_SYSTEM
+ * on a read or write error (the partial dst stays). */
 VEK_API int file_copy(const char* src, const char* dst);
 /* Renames src to dst and sets dst's access and modification times to now.
  * ERR_FILE_ACCESS_DENIED, ERR_FILE_EXISTS, ERR_FILE_NOT_FOUND or ERR_SYSTEM. */
 VEK_API int file_move(const char* src, const char* dst);
 /* Keeps up to max numbered copies: deletes "name.max", moves "name.(i-1)" to
  * "name.i" from max down to 2, then "name" to "name.1". max 0 does nothing;
- * a negative max only deletes "name.max". Names are cut at 146 bytes. */
+ * a negative max only deletes "name.max". When a numbered name would be
+ * longer than 146 bytes the roll leaves every file alone. */
 VEK_API void file_roll(const char* filename, int max);
 
 /* Flags for file_chmod, each granted to owner, group and others alike. */
