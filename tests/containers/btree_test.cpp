@@ -405,7 +405,8 @@ void run_model(unsigned seed, int pool, int steps) {
     } else if (op < 86) {
       model.find_position(pos);
     } else {
-      long long probe = (op % 2) ? g_keys[pick()] + (long long)(rng() % 3) - 1 : (long long)rng();
+      // Next to a key (wrapping at the ends of the range) or anywhere.
+      long long probe = (op % 2) ? (long long)((unsigned long long)g_keys[pick()] + rng() % 3 - 1) : (long long)rng();
       model.find_less(probe);
     }
     if (::testing::Test::HasFatalFailure()) {
