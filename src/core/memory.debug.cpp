@@ -47,10 +47,16 @@ VEK_MEMORY_HDR* header_of(void* data) {
 }
 char* data_of(VEK_MEMORY_HDR* header) { return reinterpret_cast<char*>(header) + kHeader; }
 
-bool is_live(const VEK_MEMORY_HDR* header) { return header->mh_tag == VEK_MEMORY_TAG_LIVE; }
+// The tag is written outside the lock by the releasing thread while a dump
+// may read it under the lock: relaxed atomic accesses keep that race-free at
+// the cost of a plain load or store.
+bool is_live(const VEK_MEMORY_HDR* header) {
+  return __atomic_load_n(&header->mh_tag, __ATOMIC_RELAXED) == VEK_MEMORY_TAG_LIVE;
+}
+void set_tag(VEK_MEMORY_HDR* header, unsigned tag) { __atomic_store_n(&header->mh_tag, tag, __ATOMIC_RELAXED); }
 
 void fill_header(VEK_MEMORY_HDR* header, unsigned type, size_t size, const char* file, int line) {
-  header->mh_tag = VEK_MEMORY_TAG_LIVE;
+  set_tag(header, VEK_MEMORY_TAG_LIVE);
   header->mh_type = type;
   header->mh_time = time(nullptr);
   header->mh_size = size;
@@ -115,7 +121,7 @@ void* debug_mode_realloc(void* ptr, size_t size, const char* file, int line) {
     return nullptr;
   }
   VEK_MEMORY_HDR* old_header = header_of(ptr);
-  old_header->mh_tag = VEK_MEMORY_TAG_FREED;
+  set_tag(old_header, VEK_MEMORY_TAG_FREED);
   {
     ListLock lock(__LINE__);
     add(g_size, -(long)(old_header->mh_size + kHeader));
@@ -153,7 +159,7 @@ void debug_mode_free(void* ptr, const char* file, int line) {
     log_vek_error("vekFree(): invalid address! %s(%u)", file, (unsigned)line);
     return;
   }
-  header->mh_tag = VEK_MEMORY_TAG_FREED;
+  set_tag(header, VEK_MEMORY_TAG_FREED);
   std::memset(ptr, 0xFF, header->mh_size);  // the standard memset, not the table's
   {
     ListLock lock(__LINE__);

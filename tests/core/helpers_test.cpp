@@ -1,3 +1,4 @@
+// ctest-labels: tsan
 // String, clock and shared-object loader helpers.
 #include <unistd.h>
 
