@@ -4,7 +4,10 @@
 // order: on x86 as cheap as plain words, and free of data races.
 #pragma once
 
+#include <pthread.h>
+
 #include <atomic>
+#include <cstdint>
 
 namespace vek {
 
@@ -22,5 +25,14 @@ class Diag {
 
 static_assert(sizeof(Diag<int>) == sizeof(int) && sizeof(Diag<const char*>) == sizeof(const char*),
               "diagnostic fields keep the layout of plain fields");
+
+// The calling thread's id as the int that thread_id(NULL) reports. Every
+// lock records it, so it is kept per thread after the first call (static
+// TLS: a plain %fs-relative load, no call).
+inline int current_thread_id() {
+  static thread_local int cached __attribute__((tls_model("initial-exec"))) = 0;
+  if (__builtin_expect(cached == 0, 0)) cached = (int)(uintptr_t)pthread_self();
+  return cached;
+}
 
 }  // namespace vek

@@ -112,9 +112,9 @@ struct timespec coarse_deadline(int timeout) {
 int wait_until_open_timed(EventRecord* e, int timeout, const char* file, int line) {
   const struct timespec deadline = coarse_deadline(timeout);
   while (e->is_locked.get()) {
-    e->wait_count.add(1);
+    e->wait_count.set(e->wait_count.get() + 1);  // under mux
     int rc = pthread_cond_timedwait(&e->cond, &e->mux, &deadline);
-    e->wait_count.add(-1);
+    e->wait_count.set(e->wait_count.get() - 1);
     if (rc == 0) continue;  // woken (perhaps by event_lock): test the gate again
     int urc = pthread_mutex_unlock(&e->mux);
     if (urc != 0) {
@@ -135,9 +135,9 @@ int wait_until_open_timed(EventRecord* e, int timeout, const char* file, int lin
 // Called with the mutex held; releases it only on failure.
 int wait_until_open(EventRecord* e, int timeout, const char* file, int line) {
   while (e->is_locked.get()) {
-    e->wait_count.add(1);
+    e->wait_count.set(e->wait_count.get() + 1);  // under mux
     int rc = pthread_cond_wait(&e->cond, &e->mux);
-    e->wait_count.add(-1);
+    e->wait_count.set(e->wait_count.get() - 1);
     if (rc == 0) continue;
     log_wait_failure(e, "pthread_cond_wait", timeout, file, line, rc);
     int urc = pthread_mutex_unlock(&e->mux);

@@ -11,10 +11,10 @@
 // The entry points without a source position ("Backward", line 0) are kept
 // here beside the positional ones they forward to.
 #include <cerrno>
+#include <ctime>
 #include <pthread.h>
 
 #include <vekutil/mutex.h>
-#include <vekutil/threads.h>
 #include <vekutil/timeutil.h>
 
 #include "core/internal.hpp"
@@ -49,6 +49,49 @@ bool is_instrumented(const MutexRecord* m) { return (m->options & MUTEX_OPT_NO_I
 int fail(MutexRecord* m, int rc) {
   m->err.set(rc);
   return ERR_SYSTEM;
+}
+
+// The failure paths are kept out of line so that the lock and unlock paths
+// stay short.
+[[gnu::cold, gnu::noinline]] int lock_failed(MutexRecord* m, int rc) {
+  log_vek_error("mutex_lock(name[%s]): pthread_mutex_lock failed[%d]\n", m->name, rc);
+  return fail(m, rc);
+}
+
+[[gnu::cold, gnu::noinline]] int unlock_failed(MutexRecord* m, int rc, const char* file, int line) {
+  const char* by_file = m->lock_by_file.get();
+  log_vek_error("mutex_unlock(name[%s]): at[%d:%s(%d)] pthread_mutex_unlock failed[%d] locked_by[%d:%s(%d)]\n",
+                m->name, vek::current_thread_id(), file ? file : "NULL", line, rc, m->lock_by_thread_id.get(),
+                by_file ? by_file : "NULL", m->lock_by_line.get());
+  return fail(m, rc);
+}
+
+// Shared by the positional and the "Backward" entries, so neither pays a
+// second exported call.
+inline int lock_at(void* handle, const char* file, int line) {
+  if (!handle) return ERR_INVALID_HANDLE;
+  MutexRecord* m = as_mutex(handle);
+  int rc = pthread_mutex_lock(&m->handle);
+  if (__builtin_expect(rc != 0, 0)) return lock_failed(m, rc);
+  // Written while holding the lock; usage_count needs no atomic increment.
+  m->lock_by_file.set(file);
+  m->lock_by_line.set(line);
+  m->lock_by_thread_id.set(vek::current_thread_id());
+  // time() is the clock behind time_now_in_sec(), called directly: the
+  // exported hop would cost the lock path a noticeable share of its time.
+  m->lock_timestamp_in_sec.set((int)time(nullptr));
+  m->usage_count.set(m->usage_count.get() + 1);
+  m->is_locked.set(1);
+  return 0;
+}
+
+inline int unlock_at(void* handle, const char* file, int line) {
+  if (!handle) return ERR_INVALID_HANDLE;
+  MutexRecord* m = as_mutex(handle);
+  m->is_locked.set(0);
+  int rc = pthread_mutex_unlock(&m->handle);
+  if (__builtin_expect(rc != 0, 0)) return unlock_failed(m, rc, file, line);
+  return 0;
 }
 
 void render_header(JSON* row) {
@@ -113,23 +156,7 @@ int mutex_create_ex(void** handle, const char* name, int options) {
 
 int mutex_create(void** handle) { return mutex_create_ex(handle, nullptr, 0); }
 
-int _mutex_lock(void* handle, const char* file, int line) {
-  if (!handle) return ERR_INVALID_HANDLE;
-  MutexRecord* m = as_mutex(handle);
-  int rc = pthread_mutex_lock(&m->handle);
-  if (rc != 0) {
-    log_vek_error("mutex_lock(name[%s]): pthread_mutex_lock failed[%d]\n", m->name, rc);
-    return fail(m, rc);
-  }
-  // Written while holding the lock; usage_count needs no atomic increment.
-  m->lock_by_file.set(file);
-  m->lock_by_line.set(line);
-  m->lock_by_thread_id.set(thread_id(nullptr));
-  m->lock_timestamp_in_sec.set((int)time_now_in_sec());
-  m->usage_count.set(m->usage_count.get() + 1);
-  m->is_locked.set(1);
-  return 0;
-}
+int _mutex_lock(void* handle, const char* file, int line) { return lock_at(handle, file, line); }
 
 int _mutex_trylock(void* handle, const char*, int) {
   if (!handle) return ERR_INVALID_HANDLE;
@@ -141,24 +168,11 @@ int _mutex_trylock(void* handle, const char*, int) {
   return fail(m, rc);
 }
 
-int _mutex_unlock(void* handle, const char* file, int line) {
-  if (!handle) return ERR_INVALID_HANDLE;
-  MutexRecord* m = as_mutex(handle);
-  m->is_locked.set(0);
-  int rc = pthread_mutex_unlock(&m->handle);
-  if (rc != 0) {
-    const char* by_file = m->lock_by_file.get();
-    log_vek_error("mutex_unlock(name[%s]): at[%d:%s(%d)] pthread_mutex_unlock failed[%d] locked_by[%d:%s(%d)]\n",
-                  m->name, thread_id(nullptr), file ? file : "NULL", line, rc, m->lock_by_thread_id.get(),
-                  by_file ? by_file : "NULL", m->lock_by_line.get());
-    return fail(m, rc);
-  }
-  return 0;
-}
+int _mutex_unlock(void* handle, const char* file, int line) { return unlock_at(handle, file, line); }
 
-int mutex_lock(void* handle) { return _mutex_lock(handle, VEK_BACKWARD_FILE, 0); }
+int mutex_lock(void* handle) { return lock_at(handle, VEK_BACKWARD_FILE, 0); }
 int mutex_trylock(void* handle) { return _mutex_trylock(handle, VEK_BACKWARD_FILE, 0); }
-int mutex_unlock(void* handle) { return _mutex_unlock(handle, VEK_BACKWARD_FILE, 0); }
+int mutex_unlock(void* handle) { return unlock_at(handle, VEK_BACKWARD_FILE, 0); }
 
 int mutex_delete(void* handle) {
   if (!handle) return ERR_INVALID_HANDLE;

@@ -9,6 +9,7 @@
 #include <vekutil/threads.h>
 
 #include "core/internal.hpp"
+#include "threads/diag.hpp"
 
 namespace {
 
@@ -210,8 +211,8 @@ int thread_error(void* handle) {
 }
 
 int thread_id(void* handle) {
-  pthread_t id = handle ? static_cast<ThreadRecord*>(handle)->handle : pthread_self();
-  return (int)(uintptr_t)id;
+  if (!handle) return vek::current_thread_id();
+  return (int)(uintptr_t)static_cast<ThreadRecord*>(handle)->handle;
 }
 
 void thread_sleep(int ms) {
