@@ -31,6 +31,7 @@
 #include <vekutil/bool.h>
 #include <vekutil/btree.h>
 #include <vekutil/list.h>
+#include <vekutil/instrument.h>
 #include <vekutil/mutex.h>
 #include <vekutil/rwlock.h>
 #include <vekutil/event.h>
