@@ -241,7 +241,7 @@ void json_AddItemToObject(JSON* object, const char* string, JSON* item) {
   // Should the copy fail, the member is still linked (keyless) so that the
   // tree, not the caller, owns it: nothing leaks and nothing dangles.
   char* key = json_strdup(string);
-  _vekFree(item->string, kSource, __LINE__);
+  vek::release(item->string, kSource, __LINE__);
   item->string = key;
   append_child(object, item);
 }
@@ -279,7 +279,7 @@ void json_ReplaceItemInObject(JSON* object, const char* string, JSON* newitem) {
   JSON* old = child_named(object, string);
   if (!old || !newitem || old == newitem) return;
   // The node owns its key, so an earlier one is released rather than lost.
-  _vekFree(newitem->string, kSource, __LINE__);
+  vek::release(newitem->string, kSource, __LINE__);
   newitem->string = json_strdup(string);
   replace_child(object, old, newitem);
 }
@@ -296,9 +296,9 @@ void json_Delete(JSON* c) {
         last->next = next;
         next = child;
       }
-      _vekFree(c->valuestring, kSource, __LINE__);
+      vek::release(c->valuestring, kSource, __LINE__);
     }
-    _vekFree(c->string, kSource, __LINE__);
+    vek::release(c->string, kSource, __LINE__);
     _vekFree(c, kSource, __LINE__);
     c = next;
   }

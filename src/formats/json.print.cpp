@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <initializer_list>
 
 #include "formats/json.internal.hpp"
 
@@ -18,7 +19,7 @@ namespace {
 class Output {
  public:
   Output() = default;
-  ~Output() { _vekFree(buf_, kSource, __LINE__); }
+  ~Output() { vek::release(buf_, kSource, __LINE__); }
   Output(const Output&) = delete;
   Output& operator=(const Output&) = delete;
 
@@ -85,7 +86,7 @@ class Output {
     char* block = static_cast<char*>(_vekMalloc(size, kSource, __LINE__));
     if (!block) return false;
     if (len_) std::memcpy(block, buf_, len_ < size ? len_ : size);
-    _vekFree(buf_, kSource, __LINE__);
+    vek::release(buf_, kSource, __LINE__);
     buf_ = block;
     cap_ = size;
     return true;
@@ -213,13 +214,13 @@ constexpr auto kStringBytes = [] {
   } t{};
   for (int c = 1; c < 32; ++c) t.action[c] = kDrop;
   t.action[0] = kEnd;
-  t.action['\b'] = 'b';
-  t.action['\t'] = 't';
-  t.action['\n'] = 'n';
-  t.action['\f'] = 'f';
-  t.action['\r'] = 'r';
-  t.action['"'] = '"';
-  t.action['\\'] = '\\';
+  struct Escape {
+    unsigned char byte;
+    char letter;
+  };
+  for (Escape e : {Escape{'\b', 'b'}, Escape{'\t', 't'}, Escape{'\n', 'n'}, Escape{'\f', 'f'}, Escape{'\r', 'r'},
+                   Escape{'"', '"'}, Escape{'\\', '\\'}})
+    t.action[e.byte] = e.letter;
   return t;
 }();
 
