@@ -47,9 +47,9 @@ void* element(long long key) { return reinterpret_cast<void*>((uintptr_t)key | 1
 
 // ---------------------------------------------------------------- ours
 
-void* build_btree(const Keys& k) {
+void* build_btree(const Keys& k, int options = 0) {
   void* t = nullptr;
-  btree_create(&t, nullptr, nullptr);
+  btree_create_ex(&t, nullptr, nullptr, options);
   for (long long key : k.insert_order) btree_insert_with_hash(t, element(key), key);
   return t;
 }
@@ -68,6 +68,17 @@ void BM_btree_insert(benchmark::State& state) {
 void BM_btree_find(benchmark::State& state) {
   const Keys& k = keys_for((int)state.range(0));
   void* t = build_btree(k);
+  for (auto _ : state)
+    for (long long key : k.probe_order) benchmark::DoNotOptimize(btree_find_by_hash(t, key));
+  btree_delete(t);
+  state.SetItemsProcessed(state.iterations() * state.range(0));
+}
+
+// The same lookups on a tree made without a lock: the cost of the tree
+// alone, to tell it from the cost of the read lock.
+void BM_btree_find_unlocked(benchmark::State& state) {
+  const Keys& k = keys_for((int)state.range(0));
+  void* t = build_btree(k, BTREE_OPTION_NO_LOCK);
   for (auto _ : state)
     for (long long key : k.probe_order) benchmark::DoNotOptimize(btree_find_by_hash(t, key));
   btree_delete(t);
@@ -200,6 +211,7 @@ BENCHMARK(BM_btree_insert)->SIZES;
 BENCHMARK(BM_map_insert)->SIZES;
 BENCHMARK(BM_btree_find)->SIZES;
 BENCHMARK(BM_map_find)->SIZES;
+BENCHMARK(BM_btree_find_unlocked)->SIZES;
 BENCHMARK(BM_btree_delete)->SIZES;
 BENCHMARK(BM_map_delete)->SIZES;
 #ifdef VEK_HAVE_GLIB
