@@ -5,7 +5,11 @@
 #include <csignal>
 #include <pthread.h>
 
+#include <sys/resource.h>
+#include <unistd.h>
+
 #include <atomic>
+#include <fstream>
 
 #include <vek_test.hpp>
 #include <vekutil/errors.h>
@@ -149,6 +153,43 @@ TEST_F(ThreadsTest, SleepResumesAfterSignals) {
   EXPECT_GE(slept, 199);
   EXPECT_EQ(0, thread_delete(t));
   sigaction(SIGUSR1, &previous, nullptr);
+}
+
+// Caps the address space a little above what the process uses now, so that
+// a thread with a 1 GiB stack cannot be made; restores the limit after.
+class AddressSpaceCap {
+ public:
+  AddressSpaceCap() {
+    getrlimit(RLIMIT_AS, &saved_);
+    long pages = 0;
+    std::ifstream("/proc/self/statm") >> pages;
+    struct rlimit capped = saved_;
+    capped.rlim_cur = (rlim_t)pages * (rlim_t)sysconf(_SC_PAGESIZE) + (256u << 20);
+    setrlimit(RLIMIT_AS, &capped);
+  }
+  ~AddressSpaceCap() { setrlimit(RLIMIT_AS, &saved_); }
+
+ private:
+  struct rlimit saved_;
+};
+
+TEST_F(ThreadsTest, ARefusedCreationIsAFailure) {
+  vektest::LogCapture log;
+  void* t = nullptr;
+  int joinable, detached;
+  {
+    AddressSpaceCap cap;
+    THREAD_EX_ARGS ex = {nullptr, 1 << 30, 0};
+    joinable = thread_create_ex(&t, do_nothing, nullptr, &ex);
+    detached = thread_create_detached_ex(do_nothing, nullptr, &ex);
+  }
+  EXPECT_EQ(ERR_SYSTEM, joinable);
+  EXPECT_EQ(ERR_SYSTEM, detached);
+  ASSERT_NE(nullptr, t) << "the record stays for thread_error";
+  EXPECT_EQ(EAGAIN, thread_error(t));
+  EXPECT_TRUE(log.contains("thread_create_ex(): pthread_create failed[11]\n")) << log.text();
+  EXPECT_TRUE(log.contains("thread_create_detached_ex(): pthread_create failed[11]\n")) << log.text();
+  EXPECT_EQ(0, thread_delete(t));
 }
 
 TEST_F(ThreadsTest, BadArgumentsAreRefused) {
