@@ -50,10 +50,10 @@ class Output {
   }
 
   // Hands the text to the caller, or nullptr on failure. Much unused room
-  // is given back by moving the text into a block of its own size.
+  // is given back (when that fails, the text keeps its larger block).
   char* take(bool ok) {
     if (!ok || !reserve(0)) return nullptr;
-    if (cap_ - len_ > len_ / 8 + 64) move_to(len_ + 1);
+    if (cap_ - len_ > len_ / 8 + 64) resize(len_ + 1);
     buf_[len_] = '\0';
     char* text = buf_;
     buf_ = nullptr;
@@ -77,12 +77,21 @@ class Output {
   bool grow(size_t n) {
     size_t want = cap_ ? cap_ * 2 : 256;
     if (want < len_ + n + 1) want = len_ + n + 1;
-    return move_to(want);
+    return resize(want);
   }
 
-  // Moves the text into a new block of the given size. Allocate-copy-free
-  // rather than realloc: whatever fails, buf_ stays a valid block we own.
-  bool move_to(size_t size) {
+  // Gives the text a block of the given size; on failure buf_ stays a valid
+  // block we own. A failed realloc keeps the old block in default mode, but
+  // the accounting allocator in debug mode disowns it, so there the text
+  // is moved by hand.
+  bool resize(size_t size) {
+    if (!g_vek_memory_debug) {
+      char* block = static_cast<char*>(_vekRealloc(buf_, size, kSource, __LINE__));
+      if (!block) return false;
+      buf_ = block;
+      cap_ = size;
+      return true;
+    }
     char* block = static_cast<char*>(_vekMalloc(size, kSource, __LINE__));
     if (!block) return false;
     if (len_) std::memcpy(block, buf_, len_ < size ? len_ : size);
