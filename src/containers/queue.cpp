@@ -255,6 +255,11 @@ int queue_get(void* handle, void** item, long timeout) {
   if (!q) return ERR_INVALID_HANDLE;
   if (!item) return ERR_INVALID_PARAMETER;
   *item = nullptr;
+  {
+    // Items waiting: the event is open and the wait would pass at once.
+    Locked guard(q);
+    if (q->count > 0) return take_oldest(q, item);
+  }
   const int wait_ms = event_timeout(timeout);
   for (;;) {
     const int rc = _event_wait(q->evt, wait_ms, kSource, __LINE__);

@@ -47,8 +47,10 @@ struct _POOL_WORK_ITEM {
 struct _POOL_OBJECT {
   void* queue;
   void* mux;
-  std::atomic<int> queue_depth;  // last queue_put/queue_get result: a hint, written by every thread
-  int min_threads;
+  // Last queue_put/queue_get result: a hint written by every thread on every
+  // item, so it gets a cache line of its own.
+  alignas(64) std::atomic<int> queue_depth;
+  alignas(64) int min_threads;
   int max_threads;
   std::atomic<int> cur_threads;  // changed under mux, read without it as a growth hint
   int stack_size;
@@ -106,7 +108,7 @@ _POOL_WORK_ITEM* make_item(thread_pool_callback func, void* a, void* b, void* c,
   item->a = a;
   item->b = b;
   item->c = c;
-  item->interval.store(interval);
+  item->interval.store(interval, std::memory_order_relaxed);
   return item;
 }
 
@@ -141,6 +143,18 @@ bool start_worker(_POOL_OBJECT* po, int id) {
   po->live_workers.fetch_sub(1);
   release(worker, __LINE__);
   return false;
+}
+
+// A put that left more items queued than workers counted starts one more
+// worker, numbered after the counted ones. A pool that is shutting down
+// starts none: every worker it has is about to be ended.
+void add_worker_for(_POOL_OBJECT* po, int depth) {
+  Locked guard(po);
+  const int id = po->cur_threads.load();
+  if (po->is_shutdown.load() || depth <= id || id >= po->max_threads) return;
+  if (!start_worker(po, id)) return;
+  po->cur_threads.fetch_add(1);
+  ++po->threads_created;
 }
 
 // The worker's last words: after the final decrement it never touches the
@@ -208,11 +222,13 @@ void* worker_main(void* arg) {
     }
     // Cancelled: skipped, and kept alive because its owner may still hold
     // the handle.
-    int expected = kCancelled;
-    if (item->interval.compare_exchange_strong(expected, kOneShot)) continue;
+    if (item->interval.load(std::memory_order_relaxed) == kCancelled) {
+      item->interval.store(kOneShot, std::memory_order_relaxed);
+      continue;
+    }
     item->pc(worker->id, item->a, item->b, item->c);
     account_idle_run(po, idle_runs);
-    const int interval = item->interval.load();
+    const int interval = item->interval.load(std::memory_order_relaxed);
     if (interval < 1)
       release(item, __LINE__);
     else
@@ -318,7 +334,6 @@ void shut_down(_POOL_OBJECT* po) {
   if (po->sch_schevt) schevent_interrupt(po->sch_schevt);
   {
     Locked guard(po);
-    // A put may start one more worker; the bound is read on every round.
     for (int i = 0; i < po->cur_threads.load(); ++i)
       if (!queue_shutdown_item(po)) break;
   }
@@ -401,14 +416,7 @@ int thread_pool_put_work(void* pool, const char* who, thread_pool_callback func,
     release(item, __LINE__);
     return depth;
   }
-  if (depth > po->cur_threads.load() && po->cur_threads.load() < po->max_threads) {
-    Locked guard(po);
-    const int id = po->cur_threads.load();
-    if (depth > id && id < po->max_threads && start_worker(po, id)) {
-      po->cur_threads.fetch_add(1);
-      ++po->threads_created;
-    }
-  }
+  if (depth > po->cur_threads.load() && po->cur_threads.load() < po->max_threads) add_worker_for(po, depth);
   return depth;
 }
 
@@ -452,7 +460,7 @@ int thread_pool_end_scheduled_work(void* pool, void* handle) {
   }
   if (!handle) return ERR_INVALID_PARAMETER;
   if (!po->sch_btree) return ERR_INVALID_HANDLE;
-  static_cast<_POOL_WORK_ITEM*>(handle)->interval.store(kCancelled);
+  static_cast<_POOL_WORK_ITEM*>(handle)->interval.store(kCancelled, std::memory_order_relaxed);
   return 0;
 }
 
