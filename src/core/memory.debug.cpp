@@ -91,6 +91,22 @@ void _vek_memory_list_delete(VEK_MEMORY_HDR* header) {
 }
 
 namespace vek::memory {
+namespace {
+
+// Both run under the list lock.
+void link_block(VEK_MEMORY_HDR* header) {
+  add(g_size, (long)(header->mh_size + kHeader));
+  add(g_block, +1);
+  _vek_memory_list_add(header);
+}
+
+void unlink_block(VEK_MEMORY_HDR* header) {
+  add(g_size, -(long)(header->mh_size + kHeader));
+  add(g_block, -1);
+  _vek_memory_list_delete(header);
+}
+
+}  // namespace
 
 void* debug_mode_malloc(size_t size, const char* file, int line) {
   auto* header = too_big(size) ? nullptr : static_cast<VEK_MEMORY_HDR*>(g_vek_memory_funcs.mallocFunc(size + kHeader));
@@ -104,11 +120,9 @@ void* debug_mode_malloc(size_t size, const char* file, int line) {
   fill_header(header, 0, size, file, line);
   {
     ListLock lock(__LINE__);
-    add(g_size, (long)(size + kHeader));
-    add(g_block, +1);
+    link_block(header);
     raise_to(g_size_max, get(g_size));
     raise_to(g_block_max, size);
-    _vek_memory_list_add(header);
   }
   return data_of(header);
 }
@@ -124,10 +138,8 @@ void* debug_mode_realloc(void* ptr, size_t size, const char* file, int line) {
   set_tag(old_header, VEK_MEMORY_TAG_FREED);
   {
     ListLock lock(__LINE__);
-    add(g_size, -(long)(old_header->mh_size + kHeader));
-    add(g_block, -1);
+    unlink_block(old_header);
     raise_to(g_size_max, get(g_size));
-    _vek_memory_list_delete(old_header);
   }
   auto* header =
       too_big(size) ? nullptr : static_cast<VEK_MEMORY_HDR*>(g_vek_memory_funcs.reallocFunc(old_header, size + kHeader));
@@ -140,9 +152,7 @@ void* debug_mode_realloc(void* ptr, size_t size, const char* file, int line) {
   fill_header(header, 1, size, file, line);
   {
     ListLock lock(__LINE__);
-    add(g_size, (long)(size + kHeader));
-    add(g_block, +1);
-    _vek_memory_list_add(header);
+    link_block(header);  // the peaks are left alone on this path
   }
   return data_of(header);
 }
@@ -163,9 +173,7 @@ void debug_mode_free(void* ptr, const char* file, int line) {
   std::memset(ptr, 0xFF, header->mh_size);  // the standard memset, not the table's
   {
     ListLock lock(__LINE__);
-    add(g_size, -(long)(header->mh_size + kHeader));
-    add(g_block, -1);
-    _vek_memory_list_delete(header);
+    unlink_block(header);
   }
   // Always the standard free: a replaced table must hand out memory it accepts.
   std::free(header);
