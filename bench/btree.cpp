@@ -85,6 +85,16 @@ void BM_btree_find_unlocked(benchmark::State& state) {
   state.SetItemsProcessed(state.iterations() * state.range(0));
 }
 
+// One read lock and unlock through the tree, as every lookup pays it.
+void BM_btree_lock_pair(benchmark::State& state) {
+  void* t = build_btree(keys_for(1000));
+  for (auto _ : state) {
+    btree_readlock(t);
+    btree_unlock(t);
+  }
+  btree_delete(t);
+}
+
 void BM_btree_delete(benchmark::State& state) {
   const Keys& k = keys_for((int)state.range(0));
   for (auto _ : state) {
@@ -212,6 +222,7 @@ BENCHMARK(BM_map_insert)->SIZES;
 BENCHMARK(BM_btree_find)->SIZES;
 BENCHMARK(BM_map_find)->SIZES;
 BENCHMARK(BM_btree_find_unlocked)->SIZES;
+BENCHMARK(BM_btree_lock_pair);
 BENCHMARK(BM_btree_delete)->SIZES;
 BENCHMARK(BM_map_delete)->SIZES;
 #ifdef VEK_HAVE_GLIB
