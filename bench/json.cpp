@@ -70,7 +70,8 @@ std::string number_array() {
 std::string string_array() {
   std::mt19937 rng(3);
   std::string doc = "[";
-  while (doc.size() < kTargetSize) append(doc, doc.size() > 1 ? ",\"" : "\"", word(rng), std::to_string(rng() % 100), "\"");
+  while (doc.size() < kTargetSize)
+    append(doc, doc.size() > 1 ? ",\"" : "\"", word(rng), std::to_string(rng() % 100), "\"");
   doc += "]";
   return doc;
 }

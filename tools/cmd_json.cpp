@@ -81,7 +81,8 @@ int run_json(int argc, char** argv) {
   size_t rest = static_cast<size_t>(end - begin);
   if (rest < length || length < text.size()) {
     json_Delete(root);
-    return report_error(source, text, rest, rest < length ? "unexpected text after the document" : "zero byte in the text");
+    const char* what = rest < length ? "unexpected text after the document" : "zero byte in the text";
+    return report_error(source, text, rest, what);
   }
   print_and_free(pretty ? print_value(root, 0, 1) : json_PrintUnformatted(root));
   json_Delete(root);

@@ -173,8 +173,10 @@ double compose_double(const NumberScan& s, const char* text) {
   double mantissa = 0;
   long long scale = 0;
   for (; is_digit(*c); ++c) {
-    if (mantissa < 1e18) mantissa = mantissa * 10 + (*c - '0');
-    else ++scale;
+    if (mantissa < 1e18)
+      mantissa = mantissa * 10 + (*c - '0');
+    else
+      ++scale;
   }
   if (*c == '.') {
     ++c;
@@ -246,9 +248,11 @@ const char* number_at(JSON* item, const char* text) {
     // The integer is exact in 64 bits; its double is correctly rounded.
     uint64_t magnitude = s.integer;
     long long value = static_cast<long long>(s.negative ? 0 - magnitude : magnitude);
-    double as_double = static_cast<double>(magnitude);
-    if (s.integer_digits > 19 && !read_double(text, s.end, &as_double)) as_double = compose_double(s, text);
-    else if (s.negative) as_double = -as_double;
+    double as_double;
+    if (s.integer_digits <= 19)
+      as_double = s.negative ? -static_cast<double>(magnitude) : static_cast<double>(magnitude);
+    else if (!read_double(text, s.end, &as_double))
+      as_double = compose_double(s, text);
     set_integer(item, value, as_double);
     return s.end;
   }
@@ -374,9 +378,7 @@ const char* parse_string(JSON* item, const char* str) {
   return item && str ? string_at(p, item, str) : nullptr;
 }
 
-const char* parse_number(JSON* item, const char* num) {
-  return item && num ? number_at(item, num) : nullptr;
-}
+const char* parse_number(JSON* item, const char* num) { return item && num ? number_at(item, num) : nullptr; }
 
 JSON* json_ParseEx(const char* text, const char** error_at) {
   if (error_at) *error_at = nullptr;
