@@ -284,23 +284,40 @@ void json_ReplaceItemInObject(JSON* object, const char* string, JSON* newitem) {
   replace_child(object, old, newitem);
 }
 
-// Iterative, so that no tree is too deep to delete: a node's owned child
-// chain is spliced in front of its successors before the node is freed.
+namespace {
+
+void free_node(JSON* c) {
+  if (!is_reference(c)) vek::release(c->valuestring, kSource, __LINE__);
+  vek::release(c->string, kSource, __LINE__);
+  _vekFree(c, kSource, __LINE__);
+}
+
+}  // namespace
+
+// Iterative, so that no tree is too deep to delete, and touching each node
+// once: a container whose children are being deleted waits on a stack that
+// is threaded through its own (no longer needed) prev pointer.
 void json_Delete(JSON* c) {
-  while (c) {
-    JSON* next = c->next;
-    if (!is_reference(c)) {
-      if (JSON* child = c->child) {
-        JSON* last = child;
-        while (last->next) last = last->next;
-        last->next = next;
-        next = child;
+  JSON* waiting = nullptr;
+  for (;;) {
+    while (c) {
+      if (!is_reference(c) && c->child) {
+        JSON* child = c->child;
+        c->child = nullptr;
+        c->prev = waiting;
+        waiting = c;
+        c = child;
+        continue;
       }
-      vek::release(c->valuestring, kSource, __LINE__);
+      JSON* next = c->next;
+      free_node(c);
+      c = next;
     }
-    vek::release(c->string, kSource, __LINE__);
-    _vekFree(c, kSource, __LINE__);
-    c = next;
+    if (!waiting) return;
+    JSON* done = waiting;
+    waiting = done->prev;
+    c = done->next;
+    free_node(done);
   }
 }
 
