@@ -1,39 +1,34 @@
 // ctest-labels: tsan
-// The mutex between threads: exclusion, trylock against another owner, an
-// exact counter under heavy contention, and the registry reading locks that
-// are in use.
+// Locks between threads: trylock against another owner, exact counters
+// under heavy contention, and the registry reading locks that are in use.
 #include <atomic>
 #include <cstdint>
 #include <thread>
 #include <vector>
 
-#include <vek_test.hpp>
+#include "lock_test.hpp"
+
 #include <vekutil/instrument.h>
 #include <vekutil/json.h>
-#include <vekutil/mutex.h>
-#include <vekutil/rwlock.h>
 
 namespace {
 
-// The first read-write lock makes its registry group, which lives for the
-// whole process: make it before the leak accounting starts.
-class MutexContentionTest : public vektest::LeakCheckedTest {
- protected:
-  void SetUp() override {
-    void* warm = nullptr;
-    rwlock_create(&warm);
-    rwlock_delete(warm);
-    LeakCheckedTest::SetUp();
-  }
-};
+using MutexContentionTest = locktest::LockTest;
+
+// Runs body on kThreads threads and waits for them.
+template <class Body>
+void on_threads(int count, Body body) {
+  std::vector<std::thread> threads;
+  for (int t = 0; t < count; ++t) threads.emplace_back(body);
+  for (auto& t : threads) t.join();
+}
 
 int trylock_from_other_thread(void* m) {
   int result = -1;
-  std::thread other([&] {
+  on_threads(1, [&] {
     result = MUTEX_TRYLOCK(m);
     if (result == 0) MUTEX_UNLOCK(m);
   });
-  other.join();
   return result;
 }
 
@@ -49,30 +44,29 @@ TEST_F(MutexContentionTest, TrylockSeesAnotherThreadsLock) {
 }
 
 TEST_F(MutexContentionTest, CounterStaysExactUnderContention) {
-  constexpr int kRounds = 100000;
-  constexpr int kThreads = 8;
+  constexpr int kThreads = 8, kRounds = 100000;
   void* m = nullptr;
   ASSERT_EQ(0, MUTEX_CREATE(&m, "counter", 0));
   long counter = 0;
-  int failures = 0;  // guarded by m as well
-  std::vector<std::thread> threads;
-  for (int t = 0; t < kThreads; ++t) {
-    threads.emplace_back([&] {
-      for (int i = 0; i < kRounds; ++i) {
-        if (MUTEX_LOCK(m) != 0) continue;
-        ++counter;
-        if (MUTEX_UNLOCK(m) != 0) ++failures;
+  std::atomic<int> failures{0};
+  on_threads(kThreads, [&] {
+    for (int i = 0; i < kRounds; ++i) {
+      if (MUTEX_LOCK(m) != 0) {
+        ++failures;
+        continue;
       }
-    });
-  }
-  for (auto& t : threads) t.join();
+      ++counter;
+      if (MUTEX_UNLOCK(m) != 0) ++failures;
+    }
+  });
   EXPECT_EQ((long)kThreads * kRounds, counter);
   EXPECT_EQ(0, failures);
   EXPECT_EQ(0, mutex_delete(m));
 }
 
 // The registry reads the diagnostic fields while their owners work: this
-// must be free of data races (the sanitizer run checks).
+// must be free of data races (the sanitizer run checks). The writers keep an
+// exact counter under the read-write lock meanwhile.
 TEST_F(MutexContentionTest, RenderingWhileOthersLockIsSafe) {
   void* m = nullptr;
   void* rw = nullptr;
@@ -86,20 +80,21 @@ TEST_F(MutexContentionTest, RenderingWhileOthersLockIsSafe) {
       if (instrument_list(rwlock_instrument_handle(), &json) == 0) json_Delete(json);
     }
   });
-  std::vector<std::thread> workers;
-  for (int t = 0; t < 2; ++t) {
-    workers.emplace_back([&] {
-      for (int i = 0; i < 5000; ++i) {
-        MUTEX_LOCK(m);
-        MUTEX_UNLOCK(m);
-        RWLOCK_READLOCK(rw);
-        rwlock_unlock(rw);
-      }
-    });
-  }
-  for (auto& t : workers) t.join();
+  long counter = 0;
+  on_threads(3, [&] {
+    for (int i = 0; i < 5000; ++i) {
+      MUTEX_LOCK(m);
+      MUTEX_UNLOCK(m);
+      RWLOCK_READLOCK(rw);
+      rwlock_unlock(rw);
+      RWLOCK_WRITELOCK(rw);
+      ++counter;
+      rwlock_unlock(rw);
+    }
+  });
   done = true;
   watcher.join();
+  EXPECT_EQ(3 * 5000, counter);
   EXPECT_EQ(0, mutex_delete(m));
   EXPECT_EQ(0, rwlock_delete(rw));
 }

@@ -1,16 +1,20 @@
 // Single-thread behaviour of the mutex, including deliberate misuse
-// (unlocking a mutex nobody holds, deleting a held one). Misuse is what the
-// thread sanitizer reports, so these cases stay out of its run; the
-// contended cases live in mutex_contention_test.cpp.
+// (unlocking a mutex nobody holds, deleting a held one), and null handles
+// for every lock and thread call. Misuse is what the thread sanitizer
+// reports, so this file stays out of its run; the contended cases live in
+// mutex_contention_test.cpp.
 #include <cerrno>
 
-#include <vek_test.hpp>
+#include "lock_test.hpp"
+
 #include <vekutil/errors.h>
-#include <vekutil/mutex.h>
+#include <vekutil/schevent.h>
+#include <vekutil/semaphore.h>
+#include <vekutil/threads.h>
 
 namespace {
 
-using MutexTest = vektest::LeakCheckedTest;
+using MutexTest = locktest::LockTest;
 
 TEST_F(MutexTest, RecursiveLockingAndTrylockInOneThread) {
   void* m = nullptr;
@@ -18,9 +22,7 @@ TEST_F(MutexTest, RecursiveLockingAndTrylockInOneThread) {
   EXPECT_EQ(0, MUTEX_LOCK(m));
   EXPECT_EQ(0, mutex_lock(m));
   EXPECT_EQ(0, mutex_trylock(m)) << "the owner may take it again";
-  EXPECT_EQ(0, mutex_unlock(m));
-  EXPECT_EQ(0, mutex_unlock(m));
-  EXPECT_EQ(0, MUTEX_UNLOCK(m));
+  for (int i = 0; i < 3; ++i) EXPECT_EQ(0, MUTEX_UNLOCK(m));
   EXPECT_EQ(0, mutex_error(m));
   EXPECT_EQ(0, mutex_delete(m));
 }
@@ -34,20 +36,10 @@ TEST_F(MutexTest, UnlockWithoutHoldingReportsBothPositions) {
   ASSERT_EQ(0, mutex_unlock(m));
   EXPECT_EQ(ERR_SYSTEM, mutex_unlock(m));
   EXPECT_EQ(EPERM, mutex_error(m));
+  EXPECT_TRUE(log.contains("mutex_unlock(name[loose]): at[")) << log.text();
   EXPECT_TRUE(log.contains(":Backward(0)] pthread_mutex_unlock failed[1] locked_by[")) << log.text();
-  EXPECT_TRUE(log.contains(std::string("mutex_unlock(name[loose]): at[")));
   EXPECT_TRUE(log.contains(std::string(__FILE__) + "(" + std::to_string(locked_at) + ")]\n")) << log.text();
   EXPECT_EQ(0, mutex_delete(m));
-}
-
-TEST_F(MutexTest, NullHandlesAreRefused) {
-  EXPECT_EQ(ERR_INVALID_HANDLE, mutex_create(nullptr));
-  EXPECT_EQ(ERR_INVALID_HANDLE, _mutex_create_ex(nullptr, "x", 0, __FILE__, __LINE__));
-  EXPECT_EQ(ERR_INVALID_HANDLE, mutex_lock(nullptr));
-  EXPECT_EQ(ERR_INVALID_HANDLE, MUTEX_TRYLOCK(nullptr));
-  EXPECT_EQ(ERR_INVALID_HANDLE, mutex_unlock(nullptr));
-  EXPECT_EQ(ERR_INVALID_HANDLE, mutex_delete(nullptr));
-  EXPECT_EQ(ERR_INVALID_HANDLE, mutex_error(nullptr));
 }
 
 TEST_F(MutexTest, DeletingAHeldMutexReleasesItAndFreesTheRecord) {
@@ -66,6 +58,22 @@ TEST_F(MutexTest, DeletingAHeldMutexReleasesItAndFreesTheRecord) {
   ASSERT_EQ(0, mutex_lock(twice));
   EXPECT_EQ(0, mutex_delete(twice));
   EXPECT_TRUE(log.contains("mutex_delete(name[held twice]): pthread_mutex_destroy failed[16]\n")) << log.text();
+}
+
+TEST_F(MutexTest, NullHandlesAreRefusedEverywhere) {
+  const int results[] = {
+      mutex_create(nullptr), mutex_lock(nullptr), MUTEX_TRYLOCK(nullptr), mutex_unlock(nullptr),
+      mutex_delete(nullptr), mutex_error(nullptr), rwlock_create(nullptr), rwlock_readlock(nullptr),
+      RWLOCK_WRITELOCK(nullptr), rwlock_unlock(nullptr), rwlock_delete(nullptr), rwlock_error(nullptr),
+      event_create(nullptr), event_lock(nullptr), event_unlock(nullptr), event_unlock1(nullptr),
+      EVENT_WAIT(nullptr, 10), event_delete(nullptr), event_error(nullptr), schevent_create(nullptr),
+      schevent_wait(nullptr), schevent_waitfor(nullptr, 10), schevent_waituntil(nullptr, 0),
+      schevent_interrupt(nullptr), schevent_delete(nullptr), schevent_error(nullptr), semaphore_create(nullptr),
+      semaphore_create_ex(nullptr, 1), semaphore_wait(nullptr), semaphore_timedwait(nullptr, 1),
+      semaphore_signal(nullptr), semaphore_count(nullptr), semaphore_delete(nullptr), semaphore_error(nullptr),
+      thread_create(nullptr, nullptr, nullptr), thread_join(nullptr, nullptr), thread_detach(nullptr),
+      thread_delete(nullptr), thread_error(nullptr)};
+  for (size_t i = 0; i < sizeof results / sizeof results[0]; ++i) EXPECT_EQ(ERR_INVALID_HANDLE, results[i]) << i;
 }
 
 }  // namespace
