@@ -27,6 +27,7 @@
 #define ERR_QUEUE_FULL               (-7035) /* the queue holds its maximum, or its ring cannot grow */
 #define ERR_QUEUE_NOT_EMPTY          (-7037) /* a flag cannot be cleared while items are queued */
 #define ERR_LIST_NO_INDEX            (-7041) /* the list was made without a hash function */
+#define ERR_FILE_INVALID_NAME        (-7051) /* a name holds one of the characters ":?*<>|" */
 #define ERR_FILE_TRAVERSAL           (-7052) /* a name holds ".." where that is not allowed */
 #define ERR_FILE_NOT_FOUND           (-7053) /* a file is missing or cannot be opened for reading */
 #define ERR_FILE_ACCESS_DENIED       (-7054) /* access denied, or the lock file already exists */

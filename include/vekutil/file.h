@@ -7,11 +7,6 @@
 #include <vekutil/defs.h>
 #include <vekutil/errors.h>
 
-/* A name holds one of the characters ":?*<>|". */
-#ifndef ERR_FILE_INVALID_NAME
-#define ERR_FILE_INVALID_NAME (-7051)
-#endif
-
 VEK_BEGIN_DECLS
 
 /* ---- File stream: reads a file byte by byte through a 4096-byte buffer. */
