@@ -77,6 +77,7 @@ int base32_encode(const unsigned char* in, int inlen, char** out) {
   if (pad != '\0')
     for (; written % kGroupChars != 0; ++written) *w++ = pad;
   *w = '\0';
+  *out = text;
   return 0;
 }
 

@@ -118,6 +118,7 @@ int base64_encode(const unsigned char* in, int inlen, char** out) {
     *w++ = pad;  // a '\0' pad simply ends the text early
   }
   *w = '\0';
+  *out = text;
   return 0;
 }
 

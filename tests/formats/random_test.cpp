@@ -1,0 +1,50 @@
+#include <vekutil/random.h>
+
+#include <cstring>
+#include <set>
+#include <string>
+
+#include "vek_test.hpp"
+
+namespace {
+
+class RandomTest : public vektest::LeakCheckedTest {};
+
+TEST_F(RandomTest, RandomStringWritesOnlyCapitalLettersAndNoTerminator) {
+  char buffer[2001];
+  std::memset(buffer, '#', sizeof buffer);
+  random_init();
+  EXPECT_EQ(buffer, random_string(buffer, 2000));
+  std::set<char> seen;
+  for (int i = 0; i < 2000; ++i) {
+    ASSERT_GE(buffer[i], 'A');
+    ASSERT_LE(buffer[i], 'Z');
+    seen.insert(buffer[i]);
+  }
+  EXPECT_EQ(26u, seen.size());  // 2000 draws miss a letter with negligible odds
+  EXPECT_EQ('#', buffer[2000]);
+}
+
+TEST_F(RandomTest, RandomizeFillsExactlyTheRequestedBytes) {
+  unsigned char a[40], b[40];
+  std::memset(a, 0, sizeof a);
+  std::memset(b, 0, sizeof b);
+  EXPECT_EQ(a, randomize(a, 32));
+  randomize(b, 32);
+  EXPECT_NE(0, std::memcmp(a, b, 32));
+  for (int i = 32; i < 40; ++i) EXPECT_EQ(0, a[i]);
+  EXPECT_EQ(nullptr, randomize(nullptr, 10));
+  EXPECT_EQ(nullptr, random_string(nullptr, 10));
+  EXPECT_EQ(a, randomize(a, 0));
+}
+
+TEST_F(RandomTest, IntegersVary) {
+  std::set<long long> values;
+  for (int i = 0; i < 16; ++i) values.insert(random_int64());
+  EXPECT_GT(values.size(), 14u);
+  std::set<int> ints;
+  for (int i = 0; i < 16; ++i) ints.insert(random_int());
+  EXPECT_GT(ints.size(), 14u);
+}
+
+}  // namespace
