@@ -1,6 +1,7 @@
 // Thread creation with the library's stack-size policy and priority step,
 // joining, detaching, thread ids and signal-proof sleeping.
 #include <cerrno>
+#include <cstddef>
 #include <cstdint>
 #include <ctime>
 #include <pthread.h>
@@ -10,6 +11,11 @@
 
 #include "core/internal.hpp"
 #include "threads/diag.hpp"
+
+// Callers fill this record themselves: its layout is part of the interface.
+static_assert(offsetof(THREAD_EX_ARGS, name) == 0 && offsetof(THREAD_EX_ARGS, stack) == sizeof(const char*) &&
+                  offsetof(THREAD_EX_ARGS, priority) == sizeof(const char*) + sizeof(int),
+              "THREAD_EX_ARGS keeps its field order");
 
 namespace {
 
