@@ -257,7 +257,8 @@ TEST_F(QueueTest, FourProducersFourConsumersPassEveryItemOnceInOrder) {
     });
   for (uintptr_t p = 0; p < kPairs; ++p)
     producers.emplace_back([&, p] {
-      for (uintptr_t seq = 0; seq < kPerProducer; ++seq) refused += queue_put(q_, as_item(p * kPerProducer + seq + 1)) < 1;
+      for (uintptr_t seq = 0; seq < kPerProducer; ++seq)
+        refused += queue_put(q_, as_item(p * kPerProducer + seq + 1)) < 1;
     });
   for (auto& t : producers) t.join();
   for (int c = 0; c < kPairs; ++c) queue_put(q_, as_item(kStop));

@@ -79,10 +79,12 @@ class PoolTest : public ::testing::Test {
   void TearDown() override {
     std::map<std::string, int> left;
     for (const auto& [header, file] : held_blocks()) left[file] += !before_.count(header);
-    for (const char* file : {"src/schevent.c", "src/rwlock.c", "src/strutil.c"}) EXPECT_EQ(pools_, left[file]) << file;
+    for (const char* file : {"src/schevent.c", "src/rwlock.c", "src/strutil.c"})
+      EXPECT_EQ(pools_, left[file]) << file;
     EXPECT_GE(left["src/btree.c"], pools_);
     EXPECT_EQ(kept_items_, left["src/pool.c"]);
-    for (const char* file : {"src/queue.c", "src/mutex.c", "src/event.c", "src/threads.c"}) EXPECT_EQ(0, left[file]) << file;
+    for (const char* file : {"src/queue.c", "src/mutex.c", "src/event.c", "src/threads.c"})
+      EXPECT_EQ(0, left[file]) << file;
     EXPECT_TRUE(eventually([&] { return thread_count() == threads_; }, 2000)) << "worker threads left behind";
   }
   void* make_pool(int min, int max) {
