@@ -82,17 +82,4 @@ TEST_F(LogTest, LoggingStopsForGoodPastTheCutOff) {
   g_log_file = stream;  // still open: the fixture closes it
 }
 
-TEST_F(LogTest, RollHandlesMissingStreamAndName) {
-  _log_roll(nullptr, log_.c_str());
-  FILE* f = nullptr;
-  _log_roll(&f, nullptr);
-  EXPECT_EQ(f, nullptr);
-  vektest::write_file(log_, "old");
-  _log_roll(&f, log_.c_str());
-  ASSERT_NE(f, nullptr);
-  fclose(f);
-  EXPECT_EQ(vektest::read_file(gen(1)), "old");
-  EXPECT_EQ(vektest::read_file(log_), "");
-}
-
 }  // namespace
