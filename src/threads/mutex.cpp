@@ -21,6 +21,16 @@
 #include "threads/diag.hpp"
 #include "threads/instrumented.hpp"
 
+// With GCC the lock path calls these through the GOT instead of a PLT
+// stub: one jump less on every lock and unlock.
+#if defined(__GNUC__) && !defined(__clang__)
+extern "C" {
+int pthread_mutex_lock(pthread_mutex_t*) __attribute__((noplt));
+int pthread_mutex_unlock(pthread_mutex_t*) __attribute__((noplt));
+time_t time(time_t*) __attribute__((noplt));
+}
+#endif
+
 namespace {
 
 constexpr const char* kSource = "src/mutex.c";
