@@ -99,12 +99,7 @@ JSON* create_array_of(const T* values, int count, MakeChild make_child) {
       json_Delete(array);
       return nullptr;
     }
-    if (last) {
-      last->next = child;
-      child->prev = last;
-    } else {
-      array->child = child;
-    }
+    link_after(array, last, child);
     last = child;
   }
   return array;

@@ -18,6 +18,16 @@ inline bool is_reference(const JSON* item) { return (item->type & JSON_IS_REFERE
 // A zero-filled node, or nullptr when the allocator is exhausted.
 inline JSON* new_node(int line) { return alloc_record<JSON>(kSource, line); }
 
+// Links child behind last, or as parent's first child when last is null.
+inline void link_after(JSON* parent, JSON* last, JSON* child) {
+  if (last) {
+    last->next = child;
+    child->prev = last;
+  } else {
+    parent->child = child;
+  }
+}
+
 // Fills the numeric fields of a number node from a double or an exact integer.
 void set_number(JSON* item, double value);
 void set_integer(JSON* item, long long value, double as_double);

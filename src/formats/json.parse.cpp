@@ -270,13 +270,7 @@ const char* number_at(JSON* item, const char* text) {
 // Links a fresh node behind prev (or as parent's first child).
 JSON* append_new(JSON* parent, JSON* prev) {
   JSON* child = new_node(__LINE__);
-  if (!child) return nullptr;
-  if (prev) {
-    prev->next = child;
-    child->prev = prev;
-  } else {
-    parent->child = child;
-  }
+  if (child) link_after(parent, prev, child);
   return child;
 }
 
