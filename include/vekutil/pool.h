@@ -37,7 +37,9 @@ VEK_API int thread_pool_put_scheduled_work(void* pool, const char* who, void** h
  * cancelled handle stays valid (it may be cancelled again); a one-shot
  * handle is gone once its work has run. */
 VEK_API int thread_pool_end_scheduled_work(void* pool, void* handle);
-/* Ends the workers and the scheduler and frees the pool. */
+/* Ends every worker and the scheduler, releases work that never ran and
+ * frees the pool; waits for running work to finish. The schedule's tree
+ * (with any work still scheduled) and its scheduled event stay allocated. */
 VEK_API void thread_pool_uninit(void* pool);
 
 VEK_END_DECLS
