@@ -565,6 +565,28 @@ void* find_locked(Tree* t, int options, int line, Find find) {
   return elem;
 }
 
+// The shared bodies of the exported calls, so that one entry point never
+// goes through another's (interposable) symbol.
+void* insert_hash(Tree* t, void* e, long long hash) {
+  TreeLock lock(t, TreeLock::kWrite, __LINE__);
+  if (!lock.held()) return nullptr;
+  void* result = insert_locked(t, e, hash);
+  if (result == e) publish_count(t);
+  return result;
+}
+
+void* find_hash(Tree* t, long long hash, int options) {
+  return find_locked(t, options, __LINE__, [&] { return find_key(t, hash); });
+}
+
+void* find_index(Tree* t, int index, int options) {
+  return find_locked(t, options, __LINE__, [&] { return element_at(t, index); });
+}
+
+void* delete_hash(Tree* t, long long hash) {
+  return delete_where(t, [&](Path& path) { return locate_key(t, hash, path); });
+}
+
 // ---------------------------------------------------------------- instrumentation
 
 void render_header(JSON* row) {
@@ -667,43 +689,44 @@ long long btree_int64_hash(const void* a) { return a ? *static_cast<const long l
 
 void* btree_insert_with_hash(void* handle, void* e, long long hash) {
   Tree* t = static_cast<Tree*>(handle);
-  if (!t || !e) return nullptr;  // a null element would read as an empty slot
-  TreeLock lock(t, TreeLock::kWrite, __LINE__);
-  if (!lock.held()) return nullptr;
-  void* result = insert_locked(t, e, hash);
-  if (result == e) publish_count(t);
-  return result;
+  // A null element would read as an empty slot.
+  return t && e ? insert_hash(t, e, hash) : nullptr;
 }
 
 void* btree_insert(void* handle, void* e) {
   Tree* t = static_cast<Tree*>(handle);
-  if (!t || !e) return nullptr;
-  return btree_insert_with_hash(t, e, element_key(t, e));
+  return t && e ? insert_hash(t, e, element_key(t, e)) : nullptr;
 }
 
 void* btree_find_by_hash_ex(void* handle, long long hash, int options) {
   Tree* t = static_cast<Tree*>(handle);
-  if (!t) return nullptr;
-  return find_locked(t, options, __LINE__, [&] { return find_key(t, hash); });
+  return t ? find_hash(t, hash, options) : nullptr;
 }
 
-void* btree_find_by_hash(void* handle, long long hash) { return btree_find_by_hash_ex(handle, hash, 0); }
+void* btree_find_by_hash(void* handle, long long hash) {
+  Tree* t = static_cast<Tree*>(handle);
+  return t ? find_hash(t, hash, 0) : nullptr;
+}
 
 void* btree_find_by_object_ex(void* handle, const void* e, int options) {
   Tree* t = static_cast<Tree*>(handle);
-  if (!t || !e) return nullptr;
-  return btree_find_by_hash_ex(t, element_key(t, e), options);
+  return t && e ? find_hash(t, element_key(t, e), options) : nullptr;
 }
 
-void* btree_find_by_object(void* handle, const void* e) { return btree_find_by_object_ex(handle, e, 0); }
+void* btree_find_by_object(void* handle, const void* e) {
+  Tree* t = static_cast<Tree*>(handle);
+  return t && e ? find_hash(t, element_key(t, e), 0) : nullptr;
+}
 
 void* btree_find_by_index_ex(void* handle, int index, int options) {
   Tree* t = static_cast<Tree*>(handle);
-  if (!t) return nullptr;
-  return find_locked(t, options, __LINE__, [&] { return element_at(t, index); });
+  return t ? find_index(t, index, options) : nullptr;
 }
 
-void* btree_find_by_index(void* handle, int index) { return btree_find_by_index_ex(handle, index, 0); }
+void* btree_find_by_index(void* handle, int index) {
+  Tree* t = static_cast<Tree*>(handle);
+  return t ? find_index(t, index, 0) : nullptr;
+}
 
 int btree_index_by_hash(void* handle, long long hash) {
   Tree* t = static_cast<Tree*>(handle);
@@ -759,14 +782,12 @@ void btree_foreach_ex(void* handle, btree_fefunc_ex func, void* args) {
 
 void* btree_delete_by_hash(void* handle, long long hash) {
   Tree* t = static_cast<Tree*>(handle);
-  if (!t) return nullptr;
-  return delete_where(t, [&](Path& path) { return locate_key(t, hash, path); });
+  return t ? delete_hash(t, hash) : nullptr;
 }
 
 void* btree_delete_by_object(void* handle, const void* e) {
   Tree* t = static_cast<Tree*>(handle);
-  if (!t || !e) return nullptr;
-  return btree_delete_by_hash(t, element_key(t, e));
+  return t && e ? delete_hash(t, element_key(t, e)) : nullptr;
 }
 
 void* btree_delete_by_index(void* handle, int index) {
