@@ -5,11 +5,13 @@
 #include <benchmark/benchmark.h>
 #include <malloc.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <random>
 #include <string>
+#include <vector>
 
 #include <vekutil/json.h>
 #include <vekutil/memory.h>
@@ -82,6 +84,14 @@ const std::string& document(int which) {
 }
 
 const char* const kDocNames[] = {"nested_objects", "number_array", "string_array"};
+
+// The machine is shared: the fastest of several repetitions is the figure
+// least disturbed by other work.
+double fastest(const std::vector<double>& v) { return *std::min_element(v.begin(), v.end()); }
+
+void configure(benchmark::internal::Benchmark* b) {
+  b->DenseRange(0, 2)->Unit(benchmark::kMillisecond)->ComputeStatistics("min", fastest);
+}
 
 // ---------------------------------------------------------------- counting allocator
 
@@ -168,8 +178,8 @@ void BM_Print_Ours(benchmark::State& state) {
   state.SetLabel(kDocNames[state.range(0)]);
 }
 
-BENCHMARK(BM_Parse_Ours)->DenseRange(0, 2)->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_Print_Ours)->DenseRange(0, 2)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_Parse_Ours)->Apply(configure);
+BENCHMARK(BM_Print_Ours)->Apply(configure);
 
 // ---------------------------------------------------------------- cJSON
 
@@ -208,8 +218,8 @@ void BM_Print_cJSON(benchmark::State& state) {
   state.SetLabel(kDocNames[state.range(0)]);
 }
 
-BENCHMARK(BM_Parse_cJSON)->DenseRange(0, 2)->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_Print_cJSON)->DenseRange(0, 2)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_Parse_cJSON)->Apply(configure);
+BENCHMARK(BM_Print_cJSON)->Apply(configure);
 #endif
 
 }  // namespace
