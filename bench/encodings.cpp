@@ -8,6 +8,7 @@
 #include <benchmark/benchmark.h>
 #include <openssl/evp.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <random>
@@ -140,14 +141,15 @@ const std::vector<std::string>& integer_texts(bool with_negatives) {
     v.reserve(kTexts);
     for (int i = 0; i < kTexts; ++i) {
       const unsigned long long r = gen();
-      std::string s;
+      const char* sign = negatives && (r & 1) ? "-" : "";
+      char buf[32];
       switch (i % 4) {
-        case 0: s = std::to_string(r % 100); break;
-        case 1: s = std::to_string(r % 1000000); break;
-        case 2: s = std::to_string(r >> 1); break;
-        default: s = " " + std::to_string(r % 4000000000ull); break;
+        case 0: std::snprintf(buf, sizeof buf, "%s%llu", sign, r % 100); break;
+        case 1: std::snprintf(buf, sizeof buf, "%s%llu", sign, r % 1000000); break;
+        case 2: std::snprintf(buf, sizeof buf, "%s%llu", sign, r >> 1); break;
+        default: std::snprintf(buf, sizeof buf, " %s%llu", sign, r % 4000000000ull); break;
       }
-      if (negatives && (r & 1)) s.insert(s.find_first_not_of(' '), "-");
+      std::string s = buf;
       v.push_back(s);
     }
     return v;

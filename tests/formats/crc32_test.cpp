@@ -34,6 +34,9 @@ TEST_F(Crc32Test, EveryLengthAndAlignmentMatchesBitwiseReference) {
       ASSERT_EQ(bitwise_crc32(part), hash_crc32(part.data(), static_cast<unsigned>(len)))
           << "off " << off << " len " << len;
     }
+  std::string large;
+  for (int i = 0; i < 100003; ++i) large.push_back(static_cast<char>((i * 7919) >> 3));
+  EXPECT_EQ(bitwise_crc32(large), hash_crc32(large.data(), static_cast<unsigned>(large.size())));
 }
 
 TEST_F(Crc32Test, IncrementalEqualsOneShotAtAnySplit) {
