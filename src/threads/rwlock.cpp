@@ -39,13 +39,14 @@ int fail(RwlockRecord* r, int rc) {
 }
 
 void record_lock(RwlockRecord* r, vek::Diag<int>& counter, const char* file, int line) {
-  counter.add(1);
+  counter.bump();
   r->last_lock_by_file.set(file);
   r->last_lock_by_line.set(line);
 }
 
-// Readers, writers and unlocks are counted apart, so under contention the
-// difference may drift for a moment; it only feeds diagnostics.
+// Readers, writers and unlocks are counted apart and without atomic
+// increments, so under contention the difference may drift; it only feeds
+// diagnostics.
 int current_holders(const RwlockRecord* r) {
   return r->readlock_count.get() + r->writelock_count.get() - r->unlock_count.get();
 }
@@ -133,7 +134,7 @@ int rwlock_writelock(void* handle) { return _rwlock_writelock(handle, VEK_BACKWA
 int rwlock_unlock(void* handle) {
   if (!handle) return ERR_INVALID_HANDLE;
   RwlockRecord* r = as_rwlock(handle);
-  r->unlock_count.add(1);  // counted before the attempt: failed unlocks count too
+  r->unlock_count.bump();  // counted before the attempt: failed unlocks count too
   int rc = pthread_rwlock_unlock(&r->handle);
   if (rc != 0) {
     log_vek_error("rwlock_unlock(%s): pthread_rwlock_unlock failed[%d]\n", r->name, rc);
