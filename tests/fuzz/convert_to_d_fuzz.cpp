@@ -23,7 +23,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
   // Compare with the C library on the same span, when it reads the same
   // syntax (it also knows hexadecimal, inf and nan, which are not accepted).
-  const std::string number(s, end);
+  const std::string number(s, static_cast<size_t>(end - s));
   char* c_end = nullptr;
   const double expected = std::strtod(number.c_str(), &c_end);
   if (c_end != number.c_str() + number.size()) return 0;
