@@ -233,31 +233,35 @@ constexpr auto kStringBytes = [] {
   return t;
 }();
 
-// A quoted, escaped string; a null text prints as nothing at all.
+// A quoted, escaped string; a null text prints as nothing at all. The text
+// is read once, in slices whose worst-case output (two bytes per input
+// byte) is reserved ahead, so no length is taken first.
 bool write_string(Output& o, const char* text) {
   if (!text) return true;
-  size_t length = std::strlen(text);
-  if (!o.reserve(2 * length + 2)) return false;
-  char* out = o.cursor();
-  char* const start = out;
-  *out++ = '"';
+  constexpr int kSlice = 64;
   const unsigned char* in = reinterpret_cast<const unsigned char*>(text);
+  if (!o.put('"')) return false;
   for (;;) {
-    const unsigned char* run = in;
-    while (kStringBytes.action[*in] == kPlain) ++in;
-    std::memcpy(out, run, static_cast<size_t>(in - run));
-    out += in - run;
-    char action = kStringBytes.action[*in];
-    if (action == kEnd) break;
-    if (action != kDrop) {
-      *out++ = '\\';
-      *out++ = action;
+    if (!o.reserve(2 * kSlice + 1)) return false;
+    char* out = o.cursor();
+    char* const start = out;
+    char action = kPlain;
+    for (int i = 0; i < kSlice; ++i) {
+      unsigned char c = *in;
+      action = kStringBytes.action[c];
+      if (action == kEnd) break;
+      ++in;
+      if (action == kPlain) {
+        *out++ = static_cast<char>(c);
+      } else if (action != kDrop) {
+        *out++ = '\\';
+        *out++ = action;
+      }
     }
-    ++in;
+    if (action == kEnd) *out++ = '"';
+    o.advance(static_cast<size_t>(out - start));
+    if (action == kEnd) return true;
   }
-  *out++ = '"';
-  o.advance(static_cast<size_t>(out - start));
-  return true;
 }
 
 // ---------------------------------------------------------------- containers

@@ -307,6 +307,18 @@ TEST_F(Json, StringsDecodeEscapesAndDropControlBytesWhenPrinted) {
   Tree control(json_CreateString("\001a\tb\037\177"));
   EXPECT_EQ("\"a\\tb\x7f\"", compact(control.get()));
   EXPECT_EQ("\"\"", take(print_string_ptr("\x01")));
+  // Long text with escapes and dropped bytes everywhere, across the slices
+  // the printer works in.
+  std::string text, expected = "\"";
+  for (int i = 0; i < 1000; ++i) {
+    char c = "ab\"\\\n\x02\t\xc3"[i % 8];
+    text += c;
+    if (c == '"' || c == '\\') expected += std::string("\\") + c;
+    else if (c == '\n') expected += "\\n";
+    else if (c == '\t') expected += "\\t";
+    else if (c != '\x02') expected += c;
+  }
+  EXPECT_EQ(expected + "\"", take(print_string_ptr(text.c_str())));
   EXPECT_EQ("", take(print_string_ptr(nullptr)));
 
   // A raw control byte ends a string: inside a document that is an error.
