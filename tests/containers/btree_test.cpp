@@ -15,18 +15,7 @@
 
 namespace {
 
-// Creating the first locked tree makes the registry groups for trees and
-// read-write locks; they live for the whole process, so make them before the
-// leak accounting starts.
-class BtreeTest : public vektest::LeakCheckedTest {
- protected:
-  void SetUp() override {
-    void* warm = nullptr;
-    btree_create(&warm, nullptr, nullptr);
-    btree_delete(warm);
-    LeakCheckedTest::SetUp();
-  }
-};
+using BtreeTest = vektest::LeakCheckedTest;
 
 // Elements are slots of a fixed array; each slot's key lives beside it.
 constexpr int kPool = 4096;

@@ -16,15 +16,7 @@
 
 namespace {
 
-class BtreeThreadsTest : public vektest::LeakCheckedTest {
- protected:
-  void SetUp() override {
-    void* warm = nullptr;
-    btree_create(&warm, nullptr, nullptr);
-    btree_delete(warm);
-    LeakCheckedTest::SetUp();
-  }
-};
+using BtreeThreadsTest = vektest::LeakCheckedTest;
 
 constexpr int kKeys = 2000;
 char g_items[kKeys];

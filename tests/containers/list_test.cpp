@@ -15,16 +15,7 @@
 
 namespace {
 
-class ListTest : public vektest::LeakCheckedTest {
- protected:
-  void SetUp() override {
-    // The registry groups made by the first locked list live for the process.
-    void* warm = nullptr;
-    list_create(&warm, btree_int64_hash, nullptr);
-    list_delete(warm);
-    LeakCheckedTest::SetUp();
-  }
-};
+using ListTest = vektest::LeakCheckedTest;
 
 // Elements are the keys themselves, so btree_int64_hash keys them.
 constexpr int kPool = 512;

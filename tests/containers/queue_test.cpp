@@ -15,17 +15,6 @@
 
 namespace {
 
-// The registry groups live for the process: make them before any test
-// measures its allocations.
-struct Warmup : ::testing::Environment {
-  void SetUp() override {
-    void* q = nullptr;
-    queue_create(&q);
-    queue_delete(q);
-  }
-};
-const auto* const g_warmup = ::testing::AddGlobalTestEnvironment(new Warmup);
-
 void* as_item(uintptr_t n) { return reinterpret_cast<void*>(n); }
 uintptr_t as_number(void* item) { return reinterpret_cast<uintptr_t>(item); }
 long long key_of(void* q) { return (long long)(intptr_t)q; }

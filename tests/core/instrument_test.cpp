@@ -13,16 +13,7 @@
 
 namespace {
 
-class InstrumentTest : public vektest::LeakCheckedTest {
- protected:
-  void SetUp() override {
-    // The groups made lazily by the first locked tree live for the process.
-    void* warm = nullptr;
-    btree_create(&warm, nullptr, nullptr);
-    btree_delete(warm);
-    LeakCheckedTest::SetUp();
-  }
-};
+using InstrumentTest = vektest::LeakCheckedTest;
 
 std::string print(JSON* json) {
   char* text = json_Print(json);

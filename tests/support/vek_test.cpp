@@ -7,11 +7,21 @@
 #include <fstream>
 #include <sstream>
 
+#include <vekutil/btree.h>
+#include <vekutil/event.h>
 #include <vekutil/log.h>
+#include <vekutil/mutex.h>
+#include <vekutil/queue.h>
+#include <vekutil/rwlock.h>
 
 namespace vektest {
 
 void LeakCheckedTest::SetUp() {
+  btree_instrument_handle();
+  mutex_instrument_handle();
+  rwlock_instrument_handle();
+  event_instrument_handle();
+  queue_instrument_handle();
   blocks_at_start_ = vekMemoryBlockUsed();
   bytes_at_start_ = vekMemoryUsed();
 }

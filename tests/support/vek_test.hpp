@@ -11,7 +11,9 @@
 namespace vektest {
 
 // Checks that the accounted block count (and, in debug mode, the byte count)
-// is back at its starting value when the test ends.
+// is back at its starting value when the test ends. The registry groups, which
+// each module makes on first use and keeps for the whole process, are made
+// before the count is taken.
 class LeakCheckedTest : public ::testing::Test {
  protected:
   void SetUp() override;

@@ -16,12 +16,12 @@ using std::chrono::milliseconds;
 class EventTest : public locktest::LockTest {
  protected:
   void SetUp() override {
-    LockTest::SetUp();
+    LeakCheckedTest::SetUp();
     ASSERT_EQ(0, event_create_ex(&event_, "gate", 0));
   }
   void TearDown() override {
     EXPECT_EQ(0, event_delete(event_));
-    LockTest::TearDown();
+    LeakCheckedTest::TearDown();
   }
   void* event_ = nullptr;
 };
