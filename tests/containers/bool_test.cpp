@@ -6,22 +6,18 @@ namespace {
 
 class BoolTest : public vektest::LeakCheckedTest {};
 
-TEST_F(BoolTest, GetBitsGathersAcrossByteBoundaries) {
-  const unsigned char bytes[] = {0xAB, 0xCD};
+TEST_F(BoolTest, BitRunsCrossByteBoundaries) {
+  const unsigned char bytes[] = {0xAB, 0xCD}, ones[] = {0xFF, 0xFF, 0xFF, 0xFF, 0xFF};
   EXPECT_EQ(0xDA, bool_getbits(bytes, 4, 8));
   EXPECT_EQ(0xCDAB, bool_getbits(bytes, 0, 16));
   EXPECT_EQ(0, bool_getbits(bytes, 0, 0));
-  const unsigned char ones[] = {0xFF, 0xFF, 0xFF, 0xFF, 0xFF};
   EXPECT_EQ(-1, bool_getbits(ones, 3, 40));  // at most 32 bits
-}
-
-TEST_F(BoolTest, SetBitsWritesOnlyTheRun) {
-  unsigned char bytes[3] = {0xFF, 0x00, 0xFF};
-  EXPECT_EQ(0, bool_setbits(bytes, 6, 4, 0x6));  // bits 6..9 <- 0110
-  EXPECT_EQ(0xBF, bytes[0]);
-  EXPECT_EQ(0x01, bytes[1]);
-  EXPECT_EQ(0xFF, bytes[2]);
-  EXPECT_EQ(0x6, bool_getbits(bytes, 6, 4));
+  unsigned char run[3] = {0xFF, 0x00, 0xFF};
+  EXPECT_EQ(0, bool_setbits(run, 6, 4, 0x6));  // bits 6..9 <- 0110, nothing else
+  EXPECT_EQ(0xBF, run[0]);
+  EXPECT_EQ(0x01, run[1]);
+  EXPECT_EQ(0xFF, run[2]);
+  EXPECT_EQ(0x6, bool_getbits(run, 6, 4));
 }
 
 // Bit b lives in word b / width, so wider words order the bytes differently
@@ -44,21 +40,14 @@ void check_word_width(Get get, Set set) {
   EXPECT_EQ(1, get(words, 5));
 }
 
-TEST_F(BoolTest, AllFourWordWidths) {
+TEST_F(BoolTest, AllWordWidthsAndNullSources) {
   check_word_width<unsigned char>(bool_getbit_from_char, bool_setbit_from_char);
   check_word_width<unsigned short>(bool_getbit_from_short, bool_setbit_from_short);
   check_word_width<unsigned int>(bool_getbit_from_int, bool_setbit_from_int);
   check_word_width<unsigned long long>(bool_getbit_from_longlong, bool_setbit_from_longlong);
-  unsigned char bytes[2] = {0, 0};
-  bool_setbit(bytes, 9, 1);
-  EXPECT_EQ(2, bytes[1]);
-  EXPECT_EQ(1, bool_getbit(bytes, 9));
-}
-
-TEST_F(BoolTest, NullSourcesReadZeroAndAreNotWritten) {
-  EXPECT_EQ(0, bool_getbit(nullptr, 3));
-  EXPECT_EQ(0, bool_getbit_from_longlong(nullptr, 3));
-  EXPECT_EQ(0, bool_getbits(nullptr, 0, 8));
+  check_word_width<unsigned char>(bool_getbit, bool_setbit);
+  // Null sources read zero and are not written.
+  EXPECT_EQ(0, bool_getbit(nullptr, 3) | bool_getbit_from_longlong(nullptr, 3) | bool_getbits(nullptr, 0, 8));
   bool_setbit(nullptr, 1, 1);
   bool_setbit_from_int(nullptr, 1, 1);
   EXPECT_EQ(0, bool_setbits(nullptr, 0, 8, 0xFF));

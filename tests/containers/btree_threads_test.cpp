@@ -29,9 +29,9 @@ TEST_F(BtreeThreadsTest, ReadersSeeConsistentTreesWhileWritersChangeThem) {
   std::atomic<bool> stop{false};
   std::atomic<int> bad{0};
 
-  std::vector<std::thread> threads;
+  std::vector<std::thread> writers, readers;
   for (int w = 0; w < 2; ++w)
-    threads.emplace_back([&, w] {
+    writers.emplace_back([&, w] {
       for (int round = 0; round < 3000; ++round) {
         int k = 2 * ((round * 7 + w * 13) % (kKeys / 2)) + 1;
         btree_insert_with_hash(t, &g_items[k], k);
@@ -39,20 +39,16 @@ TEST_F(BtreeThreadsTest, ReadersSeeConsistentTreesWhileWritersChangeThem) {
       }
     });
   for (int r = 0; r < 2; ++r)
-    threads.emplace_back([&] {
+    readers.emplace_back([&] {
       while (!stop.load()) {
-        for (int k = 0; k < kKeys; k += 50)
-          if (btree_find_by_hash(t, k) != &g_items[k]) bad++;
+        for (int k = 0; k < kKeys; k += 50) bad += btree_find_by_hash(t, k) != &g_items[k];
         void* last = btree_find_less_by_hash(t, kKeys);
-        if (last != &g_items[kKeys - 1] && last != &g_items[kKeys - 2]) bad++;
-        if (btree_count(t) < kKeys / 2) bad++;
+        bad += (last != &g_items[kKeys - 1] && last != &g_items[kKeys - 2]) + (btree_count(t) < kKeys / 2);
       }
     });
-  threads[0].join();
-  threads[1].join();
+  for (auto& w : writers) w.join();
   stop = true;
-  threads[2].join();
-  threads[3].join();
+  for (auto& r : readers) r.join();
   EXPECT_EQ(0, bad.load());
   EXPECT_EQ(kKeys / 2, btree_count(t));
   btree_delete(t);
@@ -78,26 +74,23 @@ TEST_F(BtreeThreadsTest, ExLookupHoldsTheReadLockUntilUnlock) {
 }
 
 TEST_F(BtreeThreadsTest, RegistryListsTreesWhileTheyChange) {
-  void* group = btree_instrument_handle();
-  ASSERT_NE(nullptr, group);
+  ASSERT_NE(nullptr, btree_instrument_handle());
   void* list = nullptr;  // its index tree has no lock: the row reads a mirrored count
   ASSERT_EQ(0, list_create(&list, btree_int_hash, nullptr));
   static int values[500];
+  for (int i = 0; i < 500; ++i) values[i] = i;
   std::atomic<bool> stop{false};
   std::thread lister([&] {
     while (!stop.load()) {
       JSON* json = nullptr;
-      if (instrument_list(group, &json) == 0) json_Delete(json);
+      if (instrument_list(btree_instrument_handle(), &json) == 0) json_Delete(json);
       void* t = nullptr;  // trees come and go meanwhile
       btree_create(&t, nullptr, nullptr);
       btree_delete(t);
     }
   });
   for (int round = 0; round < 20; ++round) {
-    for (int i = 0; i < 500; ++i) {
-      values[i] = i;
-      list_insert_at_tail(list, &values[i]);
-    }
+    for (int i = 0; i < 500; ++i) list_insert_at_tail(list, &values[i]);
     list_clear(list);
   }
   stop = true;

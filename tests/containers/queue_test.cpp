@@ -1,6 +1,6 @@
 // ctest-labels: tsan
+#include <algorithm>
 #include <atomic>
-#include <chrono>
 #include <cstdint>
 #include <string>
 #include <thread>
@@ -26,6 +26,7 @@ std::string printed(JSON* json) {
   return s;
 }
 
+// One field of the queue's registry detail.
 std::string detail(void* q, const char* key) {
   JSON* object = nullptr;
   if (instrument_detail(queue_instrument_handle(), key_of(q), &object) != 0) return "<missing>";
@@ -35,6 +36,13 @@ std::string detail(void* q, const char* key) {
   return s;
 }
 
+void drain_and_delete(void* q) {
+  void* item = nullptr;
+  while (queue_get(q, &item, 0) >= 0) {
+  }
+  EXPECT_EQ(0, queue_delete(q));
+}
+
 class QueueTest : public vektest::LeakCheckedTest {
  protected:
   void SetUp() override {
@@ -42,15 +50,12 @@ class QueueTest : public vektest::LeakCheckedTest {
     ASSERT_EQ(0, _queue_create(&q_, "queue_test.cpp", 7));
   }
   void TearDown() override {
-    void* item = nullptr;
-    while (queue_get(q_, &item, 0) >= 0) {
-    }
-    EXPECT_EQ(0, queue_delete(q_));
+    drain_and_delete(q_);
     LeakCheckedTest::TearDown();
   }
-  void* take() {
+  void* take(void* q = nullptr) {
     void* item = as_item(999);
-    EXPECT_GE(queue_get(q_, &item, 0), 0);
+    EXPECT_GE(queue_get(q ? q : q_, &item, 0), 0);
     return item;
   }
   void* q_ = nullptr;
@@ -83,43 +88,27 @@ TEST_F(QueueTest, KeepsFifoOrderAcrossWrapAndGrowth) {
   }
   EXPECT_EQ(ERR_TIMEOUT, queue_get(q_, &item, 0));
   EXPECT_EQ(nullptr, item);
+  item = as_item(5);
+  EXPECT_EQ(ERR_TIMEOUT, queue_get(q_, &item, 30)) << "a timed wait";
+  EXPECT_EQ(nullptr, item);
 }
 
 TEST_F(QueueTest, MaximumRefusesPutsAndShapesGrowth) {
-  EXPECT_EQ(0, queue_set_max_size(q_, 2));
-  queue_put(q_, as_item(1));
-  queue_put(q_, as_item(2));
-  EXPECT_EQ(ERR_QUEUE_FULL, queue_put(q_, as_item(3)));
-  EXPECT_EQ(2, queue_count(q_));
-  // A maximum of at least twice the ring: the ring jumps straight to it.
-  queue_set_max_size(q_, 100);
-  for (int i = 2; i < 100; ++i) ASSERT_EQ(i + 1, queue_put(q_, as_item(i)));
-  EXPECT_EQ(ERR_QUEUE_FULL, queue_put(q_, as_item(0)));
-  EXPECT_EQ("100", detail(q_, "Current Size"));
-  // Lowered below the count: still refused.
-  queue_set_max_size(q_, 10);
-  EXPECT_EQ(ERR_QUEUE_FULL, queue_put(q_, as_item(0)));
-  EXPECT_EQ(1u, as_number(take()));
-}
-
-TEST_F(QueueTest, MaximumBelowTwiceTheRingDoublesIt) {
-  queue_set_max_size(q_, 40);
-  for (int i = 0; i < 40; ++i) ASSERT_EQ(i + 1, queue_put(q_, as_item(i)));
-  EXPECT_EQ(ERR_QUEUE_FULL, queue_put(q_, as_item(0)));
-  EXPECT_EQ("64", detail(q_, "Current Size"));
-}
-
-TEST_F(QueueTest, WaitsForAPutFromAnotherThread) {
-  void* item = as_item(5);
-  EXPECT_EQ(ERR_TIMEOUT, queue_get(q_, &item, 30));
-  EXPECT_EQ(nullptr, item);
-  std::thread producer([this] {
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    queue_put(q_, as_item(77));
-  });
-  EXPECT_EQ(0, queue_get(q_, &item, -1));
-  EXPECT_EQ(77u, as_number(item));
-  producer.join();
+  // From a ring of 32: a maximum of at least twice the ring is taken at once,
+  // a smaller one doubles the ring.
+  for (auto [max, ring] : {std::pair{100, "100"}, std::pair{40, "64"}}) {
+    void* q = nullptr;
+    ASSERT_EQ(0, queue_create(&q));
+    EXPECT_EQ(0, queue_set_max_size(q, max));
+    for (int i = 0; i < max; ++i) ASSERT_EQ(i + 1, queue_put(q, as_item(i)));
+    EXPECT_EQ(ERR_QUEUE_FULL, queue_put(q, as_item(0)));
+    EXPECT_EQ(max, queue_count(q));
+    EXPECT_EQ(ring, detail(q, "Current Size"));
+    queue_set_max_size(q, 10);
+    EXPECT_EQ(ERR_QUEUE_FULL, queue_put(q, as_item(0))) << "lowered below the count: still refused";
+    EXPECT_EQ(0u, as_number(take(q)));
+    drain_and_delete(q);
+  }
 }
 
 void log_call(void* queue, void* custom) { static_cast<std::vector<void*>*>(custom)->push_back(queue); }
@@ -129,18 +118,15 @@ TEST_F(QueueTest, CallbacksFireOncePerArming) {
   std::vector<void*> calls;  // the queue for "next item", null for "after error"
   EXPECT_EQ(0, queue_set_callbacks(q_, log_call, log_after_error, &calls));
   EXPECT_EQ("True", detail(q_, "Uses Callback"));
-  queue_put(q_, as_item(1));
-  queue_put(q_, as_item(2));
+  for (uintptr_t n : {1, 2}) queue_put(q_, as_item(n));
   EXPECT_EQ(std::vector<void*>{q_}, calls);
   EXPECT_EQ("False", detail(q_, "Uses Callback"));
-  take();
-  take();
+  for (int i = 0; i < 2; ++i) take();
   queue_put(q_, as_item(3));  // the queue never ran dry: nothing
   take();
   void* item = nullptr;
   EXPECT_EQ(ERR_TIMEOUT, queue_get(q_, &item, 0));
-  queue_put(q_, as_item(4));
-  queue_put(q_, as_item(5));
+  for (uintptr_t n : {4, 5}) queue_put(q_, as_item(n));
   EXPECT_EQ((std::vector<void*>{q_, nullptr}), calls);
   // Null arguments keep the old callbacks; custom is always replaced.
   std::vector<void*> other;
@@ -152,7 +138,6 @@ TEST_F(QueueTest, CallbacksFireOncePerArming) {
 TEST_F(QueueTest, FlagIsRaisedOnceUntilClearedOnAnEmptyQueue) {
   queue_put(q_, as_item(1));
   EXPECT_EQ(0, queue_get_flag(q_)) << "option 0x1 not given";
-  take();
   void* q = nullptr;
   ASSERT_EQ(0, queue_create_ex(&q, -1, QUEUE_OPTION_FLAG));
   queue_put(q, as_item(1));
@@ -162,32 +147,29 @@ TEST_F(QueueTest, FlagIsRaisedOnceUntilClearedOnAnEmptyQueue) {
   EXPECT_EQ(ERR_QUEUE_NOT_EMPTY, queue_clr_flag(q));
   // The refusal leaves the queue usable by other threads.
   std::thread([q] { EXPECT_EQ(3, queue_put(q, as_item(3))); }).join();
-  void* item = nullptr;
-  while (queue_get(q, &item, 0) > 0) {
-  }
+  for (int i = 0; i < 3; ++i) take(q);
   EXPECT_EQ(0, queue_clr_flag(q));
   queue_put(q, as_item(4));
   EXPECT_EQ(1, queue_get_flag(q));
   queue_set_flag(q);
   EXPECT_EQ(1, queue_get_flag(q)) << "raised by hand even while acknowledged";
-  queue_delete(q);
+  drain_and_delete(q);
 
   // Option 0x2: a get that finds the queue empty re-arms the flag.
   ASSERT_EQ(0, queue_create_ex(&q, -1, QUEUE_OPTION_FLAG | QUEUE_OPTION_FLAG_RESET));
   queue_put(q, as_item(1));
   EXPECT_EQ(1, queue_get_flag(q));
-  queue_get(q, &item, 0);
+  take(q);
+  void* item = nullptr;
   EXPECT_EQ(ERR_TIMEOUT, queue_get(q, &item, 0));
   EXPECT_EQ(std::to_string(QUEUE_OPTION_FLAG | QUEUE_OPTION_FLAG_RESET | QUEUE_STATE_GET_FAILED), detail(q, "Options"));
   queue_put(q, as_item(2));
   EXPECT_EQ(1, queue_get_flag(q));
-  queue_get(q, &item, 0);
-  queue_delete(q);
+  drain_and_delete(q);
 }
 
 TEST_F(QueueTest, RegistryListsAndDescribesEveryQueue) {
-  queue_put(q_, as_item(1));
-  queue_put(q_, as_item(2));
+  for (uintptr_t n : {1, 2}) queue_put(q_, as_item(n));
   JSON* list = nullptr;
   ASSERT_EQ(0, instrument_list(queue_instrument_handle(), &list));
   EXPECT_EQ("[\"Hash\",\"Created by File\",\"Line Number\",\"Count\",\"Has Lock\"]",
@@ -211,8 +193,8 @@ TEST_F(QueueTest, RegistryListsAndDescribesEveryQueue) {
   queue_set_name(q_, nullptr);
   EXPECT_EQ("", detail(q_, "Name"));
 
-  void* backward = nullptr;
   const int before = instrument_count(queue_instrument_handle());
+  void* backward = nullptr;
   queue_create(&backward);
   EXPECT_EQ("queue[Backward:0]", detail(backward, "Name"));
   queue_delete(backward);
@@ -254,9 +236,8 @@ TEST_F(QueueTest, FourProducersFourConsumersPassEveryItemOnceInOrder) {
   for (auto& t : consumers) t.join();
   EXPECT_EQ(0, refused.load());
   EXPECT_EQ(0, out_of_order.load());
-  size_t wrong = 0;
-  for (auto& s : seen) wrong += s.load() != 1;
-  EXPECT_EQ(0u, wrong) << "items lost or delivered twice";
+  EXPECT_EQ(0, std::count_if(seen.begin(), seen.end(), [](auto& s) { return s.load() != 1; }))
+      << "items lost or delivered twice";
 }
 
 }  // namespace
