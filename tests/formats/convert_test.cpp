@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <type_traits>
 
 #include "vek_test.hpp"
 
@@ -15,36 +16,38 @@ class ConvertTest : public vektest::LeakCheckedTest {};
 // Result of one conversion: code, value, and how many characters were taken
 // (-1 when the end pointer came back null).
 template <class T>
-struct Outcome {
-  int rc;
-  T value;
-  long consumed;
-};
+struct Outcome { int rc; T value; long consumed; };
 
-template <class T, class Fn>
-Outcome<T> run(Fn fn, const char* text, int base) {
+template <class T, class Fn, class... Base>
+Outcome<T> run(Fn fn, const char* text, Base... base) {
   T value{};
   char* end = reinterpret_cast<char*>(1);
-  const int rc = fn(&value, text, &end, base);
+  const int rc = fn(&value, text, &end, base...);
   return {rc, value, end ? static_cast<long>(end - text) : -1};
+}
+Outcome<double> run_d(const char* text) { return run<double>(convert_to_d, text); }
+
+// Expected outcome of one conversion; the value is only compared on success
+// (and always for doubles, which come back 0 on failure).
+template <class T>
+void expect(const Outcome<T>& got, const char* text, int rc, T value, long consumed) {
+  EXPECT_EQ(rc, got.rc) << '"' << text << '"';
+  if (rc == 0 || std::is_floating_point_v<T>) {
+    EXPECT_EQ(value, got.value) << '"' << text << '"';
+  }
+  EXPECT_EQ(consumed, got.consumed) << '"' << text << '"';
 }
 
 // Minimum, maximum and one beyond each, for one integer width.
 template <class T, class Fn>
 void check_width(Fn fn, const char* min, const char* max, const char* below, const char* above, T min_value,
                  T max_value) {
-  auto lo = run<T>(fn, min, 10);
-  EXPECT_EQ(0, lo.rc) << min;
-  EXPECT_EQ(min_value, lo.value) << min;
-  EXPECT_EQ(static_cast<long>(std::strlen(min)), lo.consumed);
-  auto hi = run<T>(fn, max, 10);
-  EXPECT_EQ(0, hi.rc) << max;
-  EXPECT_EQ(max_value, hi.value) << max;
+  expect(run<T>(fn, min, 10), min, 0, min_value, static_cast<long>(std::strlen(min)));
+  expect(run<T>(fn, max, 10), max, 0, max_value, static_cast<long>(std::strlen(max)));
   for (const char* out_of_range : {below, above}) {
-    auto r = run<T>(fn, out_of_range, 10);
-    EXPECT_EQ(ERR_CONVERT_RANGE, r.rc) << out_of_range;
+    const auto r = run<T>(fn, out_of_range, 10);
+    expect(r, out_of_range, ERR_CONVERT_RANGE, T{0}, -1);
     EXPECT_EQ(T{0}, r.value) << out_of_range;
-    EXPECT_EQ(-1, r.consumed) << out_of_range;
   }
 }
 
@@ -59,7 +62,7 @@ TEST_F(ConvertTest, EveryIntegerWidthConvertsItsExactRange) {
                                   18446744073709551615ull);
   check_width<long long>(convert_to_ll, "-9223372036854775808", "9223372036854775807", "-9223372036854775809",
                          "9223372036854775808", INT64_MIN, INT64_MAX);
-  // Overflow far beyond the limit, and in other bases.
+  // Overflow far beyond the limit, in other bases, and any minus sign on an unsigned type.
   EXPECT_EQ(ERR_CONVERT_RANGE, run<int>(convert_to_i, "99999999999999999999999", 10).rc);
   EXPECT_EQ(0, run<unsigned char>(convert_to_uc, "ff", 16).rc);
   EXPECT_EQ(ERR_CONVERT_RANGE, run<unsigned char>(convert_to_uc, "100", 16).rc);
@@ -67,55 +70,27 @@ TEST_F(ConvertTest, EveryIntegerWidthConvertsItsExactRange) {
   EXPECT_EQ(ERR_CONVERT_RANGE, run<char>(convert_to_c, "0x80", 0).rc);
   EXPECT_EQ(0xFFFFFFFFFFFFFFFFull, run<unsigned long long>(convert_to_ull, "01777777777777777777777", 0).value);
   EXPECT_EQ(ERR_CONVERT_RANGE, run<unsigned long long>(convert_to_ull, "02000000000000000000000", 0).rc);
-}
-
-TEST_F(ConvertTest, UnsignedTypesRefuseAnyMinusSign) {
   EXPECT_EQ(ERR_CONVERT_RANGE, run<unsigned int>(convert_to_ui, "-0", 10).rc);
   EXPECT_EQ(ERR_CONVERT_RANGE, run<unsigned long long>(convert_to_ull, " -5", 0).rc);
   EXPECT_EQ(ERR_CONVERT_RANGE, run<unsigned short>(convert_to_us, "-", 10).rc);
-  auto plus = run<unsigned int>(convert_to_ui, "+7", 10);
-  EXPECT_EQ(0, plus.rc);
-  EXPECT_EQ(7u, plus.value);
+  expect(run<unsigned int>(convert_to_ui, "+7", 10), "+7", 0, 7u, 2);
 }
 
-TEST_F(ConvertTest, BaseZeroDetectsPrefixesGivenBasesDoNot) {
-  EXPECT_EQ(8, run<int>(convert_to_i, "010", 0).value);
-  EXPECT_EQ(16, run<int>(convert_to_i, "0x10", 0).value);
-  EXPECT_EQ(31, run<int>(convert_to_i, "0X1f", 0).value);
-  auto bare = run<int>(convert_to_i, "0x", 0);  // no hex digit: the 0 is an octal number
-  EXPECT_EQ(0, bare.rc);
-  EXPECT_EQ(0, bare.value);
-  EXPECT_EQ(1, bare.consumed);
-  auto octal_stop = run<int>(convert_to_i, "0789", 0);
-  EXPECT_EQ(7, octal_stop.value);
-  EXPECT_EQ(2, octal_stop.consumed);
-  auto given = run<long long>(convert_to_ll, "0x1F", 16);
-  EXPECT_EQ(0, given.value);
-  EXPECT_EQ(1, given.consumed);
-  EXPECT_EQ(35, run<int>(convert_to_i, "z", 36).value);
-  EXPECT_EQ(5, run<int>(convert_to_i, "101", 2).value);
-  auto stop_at_base = run<int>(convert_to_i, "1012", 2);
-  EXPECT_EQ(5, stop_at_base.value);
-  EXPECT_EQ(3, stop_at_base.consumed);
+TEST_F(ConvertTest, PrefixesSignsWhiteSpaceEndPointerAndNullArguments) {
+  const int none = ERR_CONVERT_NO_DIGITS;
+  const struct { const char* text; int base, rc, value; long consumed; } cases[] = {
+      {"010", 0, 0, 8, 3}, {"0x10", 0, 0, 16, 4}, {"0X1f", 0, 0, 31, 4},
+      {"0x", 0, 0, 0, 1},  // no hex digit: the 0 is an octal number
+      {"0789", 0, 0, 7, 2}, {"0x1F", 16, 0, 0, 1}, {"z", 36, 0, 35, 1}, {"1012", 2, 0, 5, 3},
+      {" \t\n-42xyz", 10, 0, -42, 6}, {"--1", 10, none, 0, -1}, {"- 1", 10, none, 0, -1}, {"", 10, none, 0, -1},
+      {"   ", 10, none, 0, -1}, {"+", 10, none, 0, -1}, {"-", 10, none, 0, -1}, {"abc", 10, none, 0, -1},
+      {"x1", 10, none, 0, -1},
+  };
+  for (const auto& c : cases) expect(run<int>(convert_to_i, c.text, c.base), c.text, c.rc, c.value, c.consumed);
+  expect(run<long long>(convert_to_ll, " \t\n-42xyz", 10), "ll", 0, -42LL, 6);
+  expect(run<long long>(convert_to_ll, "0x1F", 16), "ll 0x1F", 0, 0LL, 1);
   for (int bad_base : {-1, 1, 37}) EXPECT_EQ(ERR_INVALID_PARAMETER, run<int>(convert_to_i, "1", bad_base).rc);
-}
 
-TEST_F(ConvertTest, WhiteSpaceSignsAndEndPointer) {
-  auto r = run<long long>(convert_to_ll, " \t\n-42xyz", 10);
-  EXPECT_EQ(0, r.rc);
-  EXPECT_EQ(-42, r.value);
-  EXPECT_EQ(6, r.consumed);
-  // Only one sign, and no space after it.
-  EXPECT_EQ(ERR_CONVERT_NO_DIGITS, run<int>(convert_to_i, "--1", 10).rc);
-  EXPECT_EQ(ERR_CONVERT_NO_DIGITS, run<int>(convert_to_i, "- 1", 10).rc);
-}
-
-TEST_F(ConvertTest, TextWithoutDigitsAndNullPointers) {
-  for (const char* text : {"", "   ", "+", "-", "abc", "x1"}) {
-    auto r = run<int>(convert_to_i, text, 10);
-    EXPECT_EQ(ERR_CONVERT_NO_DIGITS, r.rc) << '"' << text << '"';
-    EXPECT_EQ(-1, r.consumed);
-  }
   int i = 5;
   char* end = reinterpret_cast<char*>(1);
   EXPECT_EQ(ERR_INVALID_PARAMETER, convert_to_i(&i, nullptr, &end, 10));
@@ -130,55 +105,28 @@ TEST_F(ConvertTest, TextWithoutDigitsAndNullPointers) {
   EXPECT_EQ(ERR_INVALID_PARAMETER, convert_to_f(&f, nullptr, nullptr));
 }
 
-Outcome<double> run_d(const char* text) {
-  double v = -1;
-  char* end = reinterpret_cast<char*>(1);
-  const int rc = convert_to_d(&v, text, &end);
-  return {rc, v, end ? static_cast<long>(end - text) : -1};
-}
-
-TEST_F(ConvertTest, DoubleSyntax) {
-  auto r = run_d("  -12.5e1xyz");
-  EXPECT_EQ(0, r.rc);
-  EXPECT_EQ(-125.0, r.value);
-  EXPECT_EQ(9, r.consumed);
-  EXPECT_EQ(0.5, run_d(".5").value);
-  auto trailing_dot = run_d("5.");
-  EXPECT_EQ(5.0, trailing_dot.value);
-  EXPECT_EQ(2, trailing_dot.consumed);
-  auto bare_e = run_d("7e+x");  // an exponent without digits adds nothing but is consumed
-  EXPECT_EQ(7.0, bare_e.value);
-  EXPECT_EQ(3, bare_e.consumed);
-  for (const char* text : {"", "+", ".", "-.e5", "abc", "inf", "nan", "e5"}) {
-    auto bad = run_d(text);
-    EXPECT_EQ(ERR_CONVERT_NO_DIGITS, bad.rc) << text;
-    EXPECT_EQ(0.0, bad.value) << text;
-    EXPECT_EQ(-1, bad.consumed) << text;
-  }
-  auto hex = run_d("0x1p3");  // hexadecimal floats stop after the 0
-  EXPECT_EQ(0.0, hex.value);
-  EXPECT_EQ(1, hex.consumed);
-}
-
-TEST_F(ConvertTest, DoubleExponentLimitsCountFractionDigits) {
-  EXPECT_EQ(0, run_d("1e300").rc);
-  EXPECT_EQ(0, run_d("1e1024").rc);
-  EXPECT_EQ(ERR_CONVERT_RANGE, run_d("1e1025").rc);
-  EXPECT_EQ(0, run_d("1e-1021").rc);
-  EXPECT_EQ(ERR_CONVERT_RANGE, run_d("0.5e-1021").rc);
-  EXPECT_EQ(ERR_CONVERT_RANGE, run_d("10e-1022").rc);  // the written exponent counts, not the value
-  EXPECT_EQ(ERR_CONVERT_RANGE, run_d("1e99999999999999999999999").rc);
-  EXPECT_EQ(ERR_CONVERT_RANGE, run_d("-1e-99999999999999999999999").rc);
-  EXPECT_EQ(-1, run_d("1e1025").consumed);
+TEST_F(ConvertTest, DoubleSyntaxAndExponentLimits) {
+  const int none = ERR_CONVERT_NO_DIGITS, range = ERR_CONVERT_RANGE;
+  const struct { const char* text; int rc; double value; long consumed; } cases[] = {
+      {"  -12.5e1xyz", 0, -125.0, 9}, {".5", 0, 0.5, 2}, {"5.", 0, 5.0, 2},
+      {"7e+x", 0, 7.0, 3},  // an exponent without digits adds nothing but is consumed
+      {"0x1p3", 0, 0.0, 1},  // hexadecimal floats stop after the 0
+      {"", none, 0, -1}, {"+", none, 0, -1}, {".", none, 0, -1}, {"-.e5", none, 0, -1}, {"abc", none, 0, -1},
+      {"inf", none, 0, -1}, {"nan", none, 0, -1}, {"e5", none, 0, -1},
+      // The written exponent, fraction digits included, is limited, not the value.
+      {"1e1025", range, 0, -1}, {"0.5e-1021", range, 0, -1}, {"10e-1022", range, 0, -1},
+      {"1e99999999999999999999999", range, 0, -1}, {"-1e-99999999999999999999999", range, 0, -1},
+  };
+  for (const auto& c : cases) expect(run_d(c.text), c.text, c.rc, c.value, c.consumed);
+  for (const char* fits : {"1e300", "1e1024", "1e-1021"}) EXPECT_EQ(0, run_d(fits).rc) << fits;
 }
 
 TEST_F(ConvertTest, DoubleValuesAreCloseToCorrectlyRounded) {
-  const char* const texts[] = {"0",          "1",           "-0.1",        "3.14159265358979",   "2.5e-3",
-                               "1e22",       "1.7976931348623157e308",     "2.2250738585072014e-308",
-                               "123456789012345678901234567890", "0.000000000000000000000000000001",
-                               "9007199254740993", "4.9406564584124654e-300", "6.02214076e23"};
-  for (const char* text : texts) {
-    auto r = run_d(text);
+  for (const char* text : {"0", "1", "-0.1", "3.14159265358979", "2.5e-3", "1e22", "1.7976931348623157e308",
+                           "2.2250738585072014e-308", "123456789012345678901234567890",
+                           "0.000000000000000000000000000001", "9007199254740993", "4.9406564584124654e-300",
+                           "6.02214076e23"}) {
+    const auto r = run_d(text);
     ASSERT_EQ(0, r.rc) << text;
     const double expected = std::strtod(text, nullptr);
     EXPECT_NEAR(expected, r.value, std::fabs(expected) * 4e-16) << text;
@@ -187,19 +135,12 @@ TEST_F(ConvertTest, DoubleValuesAreCloseToCorrectlyRounded) {
 }
 
 TEST_F(ConvertTest, FloatUsesItsOwnLimits) {
-  float f = -1;
-  char* end = nullptr;
-  EXPECT_EQ(0, convert_to_f(&f, "1e38", &end));
-  EXPECT_NEAR(1e38f, f, 1e31f);
-  EXPECT_EQ(ERR_CONVERT_RANGE, convert_to_f(&f, "1e129", &end));
-  EXPECT_EQ(nullptr, end);
-  EXPECT_EQ(0.0f, f);
-  EXPECT_EQ(ERR_CONVERT_RANGE, convert_to_f(&f, "1e-126", &end));
-  EXPECT_EQ(0, convert_to_f(&f, "-0.25", &end));
-  EXPECT_EQ(-0.25f, f);
-  EXPECT_EQ(0, convert_to_f(&f, "3.1415927", &end));
-  EXPECT_NEAR(3.1415927f, f, 1e-6f);
-  EXPECT_EQ(ERR_CONVERT_NO_DIGITS, convert_to_f(&f, ".", &end));
+  EXPECT_NEAR(1e38f, run<float>(convert_to_f, "1e38").value, 1e31f);
+  EXPECT_NEAR(3.1415927f, run<float>(convert_to_f, "3.1415927").value, 1e-6f);
+  expect(run<float>(convert_to_f, "-0.25"), "-0.25", 0, -0.25f, 5);
+  expect(run<float>(convert_to_f, "1e129"), "1e129", ERR_CONVERT_RANGE, 0.0f, -1);
+  expect(run<float>(convert_to_f, "1e-126"), "1e-126", ERR_CONVERT_RANGE, 0.0f, -1);
+  expect(run<float>(convert_to_f, "."), ".", ERR_CONVERT_NO_DIGITS, 0.0f, -1);
 }
 
 }  // namespace

@@ -27,28 +27,20 @@ class GuidTest : public vektest::LeakCheckedTest {
   }
 };
 
-bool all_of(const std::string& s, size_t from, size_t n, int (*pred)(int)) {
-  for (size_t i = from; i < from + n; ++i)
-    if (!pred(static_cast<unsigned char>(s[i]))) return false;
+// True when g has the fixed layout: 'H' stands for an upper-case hex digit,
+// 'C' for a capital letter, 'I' for either.
+bool well_formed(const std::string& g) {
+  static const std::string layout = "HHHHHHHH-HHHH-CCCC-HHHH-IIIIIIIIIIII";
+  if (g.size() != layout.size()) return false;
+  for (size_t i = 0; i < g.size(); ++i) {
+    const bool hex = std::isdigit(static_cast<unsigned char>(g[i])) || (g[i] >= 'A' && g[i] <= 'F');
+    const bool capital = g[i] >= 'A' && g[i] <= 'Z';
+    const char want = layout[i];
+    if (!(want == 'H' ? hex : want == 'C' ? capital : want == 'I' ? hex || capital : g[i] == want)) return false;
+  }
   return true;
 }
-int is_upper_hex(int c) { return std::isdigit(c) || (c >= 'A' && c <= 'F'); }
-int is_capital(int c) { return c >= 'A' && c <= 'Z'; }
-int is_id_char(int c) { return is_upper_hex(c) || is_capital(c); }
-
-TEST_F(GuidTest, FiveFieldsOfFixedWidth) {
-  const std::string g = make();
-  ASSERT_EQ(36u, g.size()) << g;
-  EXPECT_EQ('-', g[8]);
-  EXPECT_EQ('-', g[13]);
-  EXPECT_EQ('-', g[18]);
-  EXPECT_EQ('-', g[23]);
-  EXPECT_TRUE(all_of(g, 0, 8, is_upper_hex)) << g;
-  EXPECT_TRUE(all_of(g, 9, 4, is_upper_hex)) << g;
-  EXPECT_TRUE(all_of(g, 14, 4, is_capital)) << g;
-  EXPECT_TRUE(all_of(g, 19, 4, is_upper_hex)) << g;
-  EXPECT_TRUE(all_of(g, 24, 12, is_id_char)) << g;
-}
+int counter(const std::string& g) { return std::stoi(g.substr(9, 4), nullptr, 16); }
 
 TEST_F(GuidTest, CounterCountsUpWithinOneClockValueAndRestartsAtOne) {
   // Within one millisecond the counter field goes 0001, 0002, ...; on a new
@@ -57,11 +49,10 @@ TEST_F(GuidTest, CounterCountsUpWithinOneClockValueAndRestartsAtOne) {
   bool saw_increment = false;
   for (int i = 0; i < 2000; ++i) {
     const std::string g = make();
+    ASSERT_TRUE(well_formed(g)) << g;
     ASSERT_EQ(prev.substr(19), g.substr(19));
-    const int count = std::stoi(g.substr(9, 4), nullptr, 16);
-    const int before = std::stoi(prev.substr(9, 4), nullptr, 16);
-    ASSERT_TRUE(count == 1 || count == before + 1) << prev << " " << g;
-    if (count == before + 1) {
+    ASSERT_TRUE(counter(g) == 1 || counter(g) == counter(prev) + 1) << prev << " " << g;
+    if (counter(g) == counter(prev) + 1) {
       saw_increment = true;
       EXPECT_EQ(prev.substr(0, 8), g.substr(0, 8));
     }
@@ -77,19 +68,18 @@ TEST_F(GuidTest, ConcurrentCallersDrawCounterValuesInSequence) {
   constexpr int kThreads = 4, kEach = 300;
   // A fresh clock value, so no run of counter values began before this test.
   std::this_thread::sleep_for(std::chrono::milliseconds(3));
-  std::vector<std::vector<std::string>> made(kThreads);
+  std::vector<std::string> made(kThreads * kEach);
   std::vector<std::thread> threads;
   for (int t = 0; t < kThreads; ++t)
     threads.emplace_back([&made, t] {
-      for (int i = 0; i < kEach; ++i) made[t].push_back(make());
+      for (int i = 0; i < kEach; ++i) made[t * kEach + i] = make();
     });
   for (auto& th : threads) th.join();
   std::vector<int> seen(0x10000, 0);
-  for (const auto& list : made)
-    for (const auto& g : list) {
-      ASSERT_EQ(36u, g.size());
-      ++seen[static_cast<size_t>(std::stoi(g.substr(9, 4), nullptr, 16))];
-    }
+  for (const auto& g : made) {
+    ASSERT_TRUE(well_formed(g)) << g;
+    ++seen[static_cast<size_t>(counter(g))];
+  }
   EXPECT_EQ(0, seen[0]);
   for (size_t k = 2; k < seen.size(); ++k) ASSERT_LE(seen[k], seen[k - 1]) << "counter " << k;
 }

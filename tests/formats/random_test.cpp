@@ -25,10 +25,8 @@ TEST_F(RandomTest, RandomStringWritesOnlyCapitalLettersAndNoTerminator) {
   EXPECT_EQ('#', buffer[2000]);
 }
 
-TEST_F(RandomTest, RandomizeFillsExactlyTheRequestedBytes) {
-  unsigned char a[40], b[40];
-  std::memset(a, 0, sizeof a);
-  std::memset(b, 0, sizeof b);
+TEST_F(RandomTest, RandomizeFillsExactlyTheRequestedBytesAndIntegersVary) {
+  unsigned char a[40] = {}, b[40] = {};
   EXPECT_EQ(a, randomize(a, 32));
   randomize(b, 32);
   EXPECT_NE(0, std::memcmp(a, b, 32));
@@ -36,14 +34,13 @@ TEST_F(RandomTest, RandomizeFillsExactlyTheRequestedBytes) {
   EXPECT_EQ(nullptr, randomize(nullptr, 10));
   EXPECT_EQ(nullptr, random_string(nullptr, 10));
   EXPECT_EQ(a, randomize(a, 0));
-}
-
-TEST_F(RandomTest, IntegersVary) {
   std::set<long long> values;
-  for (int i = 0; i < 16; ++i) values.insert(random_int64());
-  EXPECT_GT(values.size(), 14u);
   std::set<int> ints;
-  for (int i = 0; i < 16; ++i) ints.insert(random_int());
+  for (int i = 0; i < 16; ++i) {
+    values.insert(random_int64());
+    ints.insert(random_int());
+  }
+  EXPECT_GT(values.size(), 14u);
   EXPECT_GT(ints.size(), 14u);
 }
 

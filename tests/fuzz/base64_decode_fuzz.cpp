@@ -2,12 +2,11 @@
 // Decoding arbitrary text either fails cleanly or yields bytes that encode
 // back to text decoding to the same bytes.
 #include <cstdint>
-#include <cstdlib>
-#include <cstring>
 #include <string>
 
 #include <vekutil/base64.h>
-#include <vekutil/memory.h>
+
+#include "fuzz_util.hpp"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::string text(reinterpret_cast<const char*>(data), size);
@@ -18,15 +17,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     return 0;
   }
   if (length < 0 || static_cast<size_t>(length) > text.size() * 3 / 4 + 2) std::abort();
-  char* again = nullptr;
-  if (base64_encode(bytes, length, &again) != 0) std::abort();
-  unsigned char* round = nullptr;
-  int round_length = -1;
-  if (base64_decode(again, &round, &round_length) != 0 || round_length != length ||
-      std::memcmp(round, bytes, static_cast<size_t>(length)) != 0)
-    std::abort();
-  vekFree(round);
-  vekFree(again);
+  require_round_trip(bytes, length, base64_encode, base64_decode);
   vekFree(bytes);
   return 0;
 }
