@@ -61,27 +61,22 @@ TEST_F(BtreeTest, KeyFunctionsAndStringClashes) {
 
 TEST_F(BtreeTest, WithoutHashFunctionTheAddressIsTheKey) {
   void* t = new_tree();
-  for (int i = 9; i >= 0; --i) btree_insert(t, item(i));
-  for (int i = 0; i < 10; ++i) {
-    EXPECT_EQ(i, btree_index_by_hash(t, (long long)(intptr_t)item(i)));
-    EXPECT_EQ(item(i), btree_find_by_object(t, item(i)));
-  }
-  EXPECT_EQ(item(3), btree_delete_by_object(t, item(3)));
-  EXPECT_EQ(nullptr, btree_delete_by_object(t, item(3)));
-  EXPECT_EQ(9, btree_count(t));
-  btree_delete(t);
-}
-
-TEST_F(BtreeTest, FindByFuncReturnsTheLastMatchInKeyOrder) {
-  void* t = new_tree();
   auto all = [](const void*, void*) { return 0; };
   auto even = [](const void* e, void*) { return item_index(e) % 2; };
   EXPECT_EQ(nullptr, btree_find_by_func(t, all, nullptr));
-  for (int i = 0; i < 50; ++i) btree_insert_with_hash(t, item(i), -i);  // item 0 has the greatest key
-  EXPECT_EQ(item(0), btree_find_by_func(t, all, nullptr));
+  for (int i = 49; i >= 0; --i) btree_insert(t, item(i));
+  for (int i = 0; i < 50; ++i) {
+    EXPECT_EQ(i, btree_index_by_hash(t, (long long)(intptr_t)item(i)));
+    EXPECT_EQ(item(i), btree_find_by_object(t, item(i)));
+  }
+  // The search by function returns the last match in key order.
+  EXPECT_EQ(item(49), btree_find_by_func(t, all, nullptr));
+  EXPECT_EQ(item(48), btree_find_by_func(t, even, nullptr));
   EXPECT_EQ(nullptr, btree_find_by_func(t, [](const void*, void*) { return 1; }, nullptr));
-  EXPECT_EQ(item(0), btree_find_by_func(t, even, nullptr));
   EXPECT_EQ(nullptr, btree_find_by_func(t, nullptr, nullptr));
+  EXPECT_EQ(item(3), btree_delete_by_object(t, item(3)));
+  EXPECT_EQ(nullptr, btree_delete_by_object(t, item(3)));
+  EXPECT_EQ(49, btree_count(t));
   btree_delete(t);
 }
 
@@ -157,7 +152,9 @@ void run_model(unsigned seed, int pool, int options) {
   ASSERT_EQ(0, btree_create_ex(&t, pooled_key, nullptr, options));
   std::map<long long, void*> map;
   std::vector<long long> sorted;
-  auto position = [&](long long key) { return (int)(std::lower_bound(sorted.begin(), sorted.end(), key) - sorted.begin()); };
+  auto position = [&](long long key) {
+    return (int)(std::lower_bound(sorted.begin(), sorted.end(), key) - sorted.begin());
+  };
   auto at = [&](int pos) { return pos >= 0 && pos < (int)sorted.size() ? map[sorted[pos]] : nullptr; };
   auto check_all = [&] {
     ASSERT_EQ(sorted, keys_in_walk_order(t));
@@ -190,7 +187,9 @@ void run_model(unsigned seed, int pool, int options) {
       const bool found = by_pos ? pos >= 0 && pos < size : map.count(g_keys[i]) != 0;
       const long long key = by_pos ? (found ? sorted[pos] : 0) : g_keys[i];
       want = found ? map[key] : nullptr;
-      got = op < 52 ? btree_delete_by_hash(t, key) : by_pos ? btree_delete_by_index(t, pos) : btree_delete_by_object(t, item(i));
+      got = op < 52  ? btree_delete_by_hash(t, key)
+            : by_pos ? btree_delete_by_index(t, pos)
+                     : btree_delete_by_object(t, item(i));
       if (found) {
         map.erase(key);
         shifted = position(key);
