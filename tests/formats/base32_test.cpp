@@ -34,9 +34,9 @@ class Base32Test : public vektest::LeakCheckedTest {
 };
 
 TEST_F(Base32Test, GroupsOfEightSeparatedByDashesAndPaddedToForty) {
-  const struct { const char *plain, *coded; } vectors[] = {{"f", "MY======"}, {"foo", "MZXW6==="}, {"fooba", "MZXW6YTB"},
-                                                           {"foobar", "MZXW6YTB-OI======"},
-                                                           {"0123456789", "GAYTEMZU-GU3DOOBZ"}};
+  const struct { const char *plain, *coded; } vectors[] = {
+      {"f", "MY======"}, {"foo", "MZXW6==="}, {"fooba", "MZXW6YTB"}, {"foobar", "MZXW6YTB-OI======"},
+      {"0123456789", "GAYTEMZU-GU3DOOBZ"}};
   for (const auto& v : vectors) EXPECT_EQ(v.coded, encode(v.plain));
 }
 
