@@ -1,6 +1,5 @@
 // Hex dumps: row layout, padding of a short last row, line-feed rules.
 #include <cstdio>
-#include <string>
 
 #include <vekutil/hexdump.h>
 #include <vekutil/memory.h>
@@ -36,13 +35,11 @@ TEST_F(Hexdump, RowsAndPadding) {
   std::string five = "  0000: 30 31 32 33 34" + std::string(37, ' ') + "01234";
   std::string tail = "  0010: 01 7f 80 22" + std::string(40, ' ') + "...\"";  // quotes as themselves
   std::string eight = "  0000: 30 31 32 33 34 35 36 37 -" + std::string(26, ' ') + "01234567";
-  EXPECT_EQ(dump(kBytes, 16), heading(kBytes, 16) + kRow) << "no line feed at the end";
-  EXPECT_EQ(dump(kBytes, 5), heading(kBytes, 5) + five);
-  EXPECT_EQ(dump(kBytes, 20), heading(kBytes, 20) + kRow + "\n" + tail);
-  EXPECT_EQ(console(kBytes, 16), kRow + "\n");
-  EXPECT_EQ(console(kBytes, 5), five + "\n");
-  EXPECT_EQ(console(kBytes, 20), kRow + "\n" + tail + "\n");
-  EXPECT_EQ(console(kBytes, 8), eight + "\n");
+  const struct { int len; std::string rows; } cases[] = {{16, kRow}, {5, five}, {20, kRow + "\n" + tail}, {8, eight}};
+  for (const auto& c : cases) {
+    EXPECT_EQ(dump(kBytes, c.len), heading(kBytes, c.len) + c.rows) << "no line feed at the end";
+    EXPECT_EQ(console(kBytes, c.len), c.rows + "\n");
+  }
 }
 
 TEST_F(Hexdump, EmptyNullAndLongRanges) {

@@ -1,10 +1,8 @@
-// The process log: start-up roll into ten generations, the banner, and the
-// cut-off that ends logging for the run.
+// The process log: start-up roll, the banner, and the cut-off for the run.
 #include <sys/stat.h>
 
 #include <cstdio>
 #include <regex>
-#include <string>
 
 #include <vekutil/errors.h>
 #include <vekutil/log.h>

@@ -1,13 +1,11 @@
 // ctest-labels: tsan
-// Directory listing, walking, creation and deletion on real trees inside a
-// private temporary directory.
+// Directory listing, walking, creation and deletion on real trees.
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <filesystem>
 #include <set>
-#include <string>
 #include <thread>
 #include <vector>
 

@@ -1,11 +1,9 @@
-// File stream, paths, delete/copy/move/chmod, rolling and lock files, on real
-// files inside a private temporary directory.
+// File stream, paths, delete/copy/move/chmod, rolling and lock files.
 #include <sys/stat.h>
 #include <sys/time.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <string>
 
 #include <vekutil/file.h>
 #include <vekutil/file.lock.h>

@@ -15,7 +15,6 @@ namespace {
 
 using MutexContentionTest = locktest::LockTest;
 
-// Runs body on kThreads threads and waits for them.
 template <class Body>
 void on_threads(int count, Body body) {
   std::vector<std::thread> threads;
@@ -64,9 +63,8 @@ TEST_F(MutexContentionTest, CounterStaysExactUnderContention) {
   EXPECT_EQ(0, mutex_delete(m));
 }
 
-// The registry reads the diagnostic fields while their owners work: this
-// must be free of data races (the sanitizer run checks). The writers keep an
-// exact counter under the read-write lock meanwhile.
+// The registry reads diagnostic fields while their owners lock (race-free under
+// the sanitizer); the writers keep an exact counter under the read-write lock.
 TEST_F(MutexContentionTest, RenderingWhileOthersLockIsSafe) {
   void* m = nullptr;
   void* rw = nullptr;

@@ -1,6 +1,5 @@
 // ctest-labels: tsan
-// Threads: joinable and detached creation, the stack-size policy written
-// back into the arguments, the priority defaults, ids and sleeping.
+// Threads: creation, the stack-size policy written back, priorities, ids, sleep.
 #include <csignal>
 #include <pthread.h>
 
@@ -60,6 +59,9 @@ TEST_F(ThreadsTest, JoinReturnsTheResultAndIdsAgree) {
   EXPECT_NE(thread_id(nullptr), seen_inside);
   EXPECT_EQ(0, thread_error(t));
   EXPECT_EQ(0, thread_delete(t));
+  ASSERT_EQ(0, thread_create(&t, do_nothing, nullptr));
+  EXPECT_EQ(0, thread_detach(t));
+  EXPECT_EQ(0, thread_delete(t));
 }
 
 TEST_F(ThreadsTest, StackRequestsAreCorrectedAndPriorityStepsAreHarmless) {
@@ -77,8 +79,7 @@ TEST_F(ThreadsTest, StackRequestsAreCorrectedAndPriorityStepsAreHarmless) {
   thread_set_stack_min(20000);  // a minimum below the floor wins over it
   EXPECT_EQ(20000, stack_after_create(1000));
 
-  // Under the default policy the priority read back is 0: no step is
-  // applied and nothing fails.
+  // Under the default policy the priority reads back as 0: no step, no failure.
   thread_set_default_prio(-1);
   EXPECT_EQ(0, g_thread_default_prio);
   thread_set_default_prio(2);
@@ -102,11 +103,6 @@ TEST_F(ThreadsTest, DetachedThreadsRun) {
   EXPECT_EQ(0, semaphore_timedwait(sem, 5000));
   EXPECT_EQ(0, semaphore_timedwait(sem, 5000));
   EXPECT_EQ(0, semaphore_delete(sem));
-
-  void* t = nullptr;
-  ASSERT_EQ(0, thread_create(&t, do_nothing, nullptr));
-  EXPECT_EQ(0, thread_detach(t));
-  EXPECT_EQ(0, thread_delete(t));
 }
 
 void ignore_signal(int) {}
@@ -146,17 +142,16 @@ TEST_F(ThreadsTest, SleepResumesAfterSignals) {
   sigaction(SIGUSR1, &previous, nullptr);
 }
 
-// With the address space capped a little above what the process uses, a
-// thread with a 1 GiB stack cannot be made.
 TEST_F(ThreadsTest, RefusedOrIncompleteCreationRequestsFail) {
+  // A 1 GiB stack cannot fit under an address space capped just above current use.
   vektest::LogCapture log;
   void* t = nullptr;
   THREAD_EX_ARGS ex = {nullptr, 1 << 30, 0};
-  struct rlimit saved, capped;
+  struct rlimit saved;
   getrlimit(RLIMIT_AS, &saved);
   long pages = 0;
   std::ifstream("/proc/self/statm") >> pages;
-  capped = saved;
+  struct rlimit capped = saved;
   capped.rlim_cur = (rlim_t)pages * (rlim_t)sysconf(_SC_PAGESIZE) + (256u << 20);
   setrlimit(RLIMIT_AS, &capped);
   const int joinable = thread_create_ex(&t, do_nothing, nullptr, &ex);
