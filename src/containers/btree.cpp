@@ -17,6 +17,7 @@
 #include <vekutil/rwlock.h>
 #include <vekutil/strutil.h>
 
+#include "core/instrumented.hpp"
 #include "core/internal.hpp"
 
 #define BTREE_SOURCE "src/btree.c"
@@ -610,22 +611,13 @@ void render_detail(const void* item, JSON* object) {
   json_AddItemToObject(object, "Count", json_CreateString(format("Count %d", count)));
 }
 
-pthread_mutex_t g_instrument_init = PTHREAD_MUTEX_INITIALIZER;
-
 }  // namespace
 
 // ---------------------------------------------------------------- interface
 
 void* btree_instrument_handle(void) {
-  void* group = __atomic_load_n(&g_btree_instrument_handle, __ATOMIC_ACQUIRE);
-  if (group) return group;
-  vek::PthreadLock once(g_instrument_init);
-  group = __atomic_load_n(&g_btree_instrument_handle, __ATOMIC_ACQUIRE);
-  if (!group) {
-    instrument_create(&group, "btree_instrument_handle()", render_header, render_row, render_detail);
-    __atomic_store_n(&g_btree_instrument_handle, group, __ATOMIC_RELEASE);
-  }
-  return group;
+  return vek::lazy_instrument_group(&g_btree_instrument_handle, "btree_instrument_handle()", render_header,
+                                    render_row, render_detail);
 }
 
 int _btree_create_ex(void** handle, btree_hash hash_func, btree_free free_func, int options, const char* file,

@@ -15,6 +15,7 @@
 #include <vekutil/queue.h>
 #include <vekutil/strutil.h>
 
+#include "core/instrumented.hpp"
 #include "core/internal.hpp"
 
 void* g_queue_instrument_handle = nullptr;
@@ -172,8 +173,6 @@ void render_detail(const void* item, JSON* object) {
   json_AddItemToObject(object, "Uses Callback", json_CreateString(q->cb_on_next_item ? "True" : "False"));
 }
 
-pthread_mutex_t g_instrument_init = PTHREAD_MUTEX_INITIALIZER;
-
 void destroy(_QUEUE_OBJECT* q) {
   if (q->lock) mutex_delete(q->lock);
   if (q->evt) event_delete(q->evt);
@@ -185,13 +184,8 @@ void destroy(_QUEUE_OBJECT* q) {
 }  // namespace
 
 void* queue_instrument_handle(void) {
-  void* handle = __atomic_load_n(&g_queue_instrument_handle, __ATOMIC_ACQUIRE);
-  if (handle) return handle;
-  vek::PthreadLock guard(g_instrument_init);
-  handle = g_queue_instrument_handle;
-  if (!handle && instrument_create(&handle, "queue_instrument_handle()", render_header, render_row, render_detail) == 0)
-    __atomic_store_n(&g_queue_instrument_handle, handle, __ATOMIC_RELEASE);
-  return g_queue_instrument_handle;
+  return vek::lazy_instrument_group(&g_queue_instrument_handle, "queue_instrument_handle()", render_header,
+                                    render_row, render_detail);
 }
 
 int _queue_create_ex(void** handle, int max_size, int options, const char* file, int line) {

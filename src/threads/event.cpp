@@ -13,7 +13,7 @@
 
 #include "core/internal.hpp"
 #include "threads/diag.hpp"
-#include "threads/instrumented.hpp"
+#include "core/instrumented.hpp"
 
 namespace {
 

@@ -19,7 +19,7 @@
 
 #include "core/internal.hpp"
 #include "threads/diag.hpp"
-#include "threads/instrumented.hpp"
+#include "core/instrumented.hpp"
 
 // With GCC the lock path calls these through the GOT instead of a PLT
 // stub: one jump less on every lock and unlock.

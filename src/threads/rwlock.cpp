@@ -11,7 +11,7 @@
 
 #include "core/internal.hpp"
 #include "threads/diag.hpp"
-#include "threads/instrumented.hpp"
+#include "core/instrumented.hpp"
 
 namespace {
 

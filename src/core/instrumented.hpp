@@ -1,6 +1,6 @@
-// Registry plumbing shared by the mutex, read-write lock and event modules:
-// the lazily made group of each module and small builders for the rows and
-// detail objects their renderers produce.
+// Registry plumbing shared by the instrumented modules (locks, events, trees,
+// queues): the lazily made group of each module and small builders for the
+// rows and detail objects their renderers produce.
 #pragma once
 
 #include <pthread.h>
