@@ -17,19 +17,13 @@ namespace {
 
 void* as_item(uintptr_t n) { return reinterpret_cast<void*>(n); }
 uintptr_t as_number(void* item) { return reinterpret_cast<uintptr_t>(item); }
-long long key_of(void* q) { return (long long)(intptr_t)q; }
-
-std::string printed(JSON* json) {
-  char* text = json_PrintUnformatted(json);
-  std::string s = text ? text : "";
-  _vekFree(text, __FILE__, __LINE__);
-  return s;
-}
+using vektest::compact_json;
+using vektest::registry_key;
 
 // One field of the queue's registry detail.
 std::string detail(void* q, const char* key) {
   JSON* object = nullptr;
-  if (instrument_detail(queue_instrument_handle(), key_of(q), &object) != 0) return "<missing>";
+  if (instrument_detail(queue_instrument_handle(), registry_key(q), &object) != 0) return "<missing>";
   const char* value = json_GetObjectItemAsString(object, key);
   std::string s = value ? value : "<null>";
   json_Delete(object);
@@ -173,20 +167,20 @@ TEST_F(QueueTest, RegistryListsAndDescribesEveryQueue) {
   JSON* list = nullptr;
   ASSERT_EQ(0, instrument_list(queue_instrument_handle(), &list));
   EXPECT_EQ("[\"Hash\",\"Created by File\",\"Line Number\",\"Count\",\"Has Lock\"]",
-            printed(json_GetArrayItem(list, 0)));
+            compact_json(json_GetArrayItem(list, 0)));
   std::string row;
   for (int i = 1; i < json_GetArraySize(list); ++i)
-    if (*json_GetArrayItemAsLongLong(json_GetArrayItem(list, i), 0) == key_of(q_))
-      row = printed(json_GetArrayItem(list, i));
-  EXPECT_EQ("[" + std::to_string(key_of(q_)) + ",\"queue_test.cpp\",7,2,\"Lock\"]", row);
+    if (*json_GetArrayItemAsLongLong(json_GetArrayItem(list, i), 0) == registry_key(q_))
+      row = compact_json(json_GetArrayItem(list, i));
+  EXPECT_EQ("[" + std::to_string(registry_key(q_)) + ",\"queue_test.cpp\",7,2,\"Lock\"]", row);
   json_Delete(list);
 
   JSON* object = nullptr;
-  ASSERT_EQ(0, instrument_detail(queue_instrument_handle(), key_of(q_), &object));
+  ASSERT_EQ(0, instrument_detail(queue_instrument_handle(), registry_key(q_), &object));
   EXPECT_EQ(
       "{\"Name\":\"queue[queue_test.cpp:7]\",\"Count\":\"2\",\"Max Size\":\"-1\",\"Current Size\":\"32\","
       "\"Options\":\"0\",\"Uses Callback\":\"False\"}",
-      printed(object));
+      compact_json(object));
   json_Delete(object);
   queue_set_name(q_, "jobs");
   EXPECT_EQ("jobs", detail(q_, "Name"));

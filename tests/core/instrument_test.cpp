@@ -21,7 +21,7 @@ std::string print(JSON* json) {
   return out;
 }
 
-long long key_of(const void* p) { return (long long)(intptr_t)p; }
+using vektest::registry_key;
 
 // A toy module: items are ints, one column each.
 void header(JSON* row) { json_AddItemToArray(row, json_CreateString("Value")); }
@@ -50,11 +50,11 @@ TEST_F(InstrumentTest, GroupBookkeepingAndMessages) {
   ASSERT_EQ(0, instrument_list(g, &list));
   ASSERT_EQ(3, json_GetArraySize(list));
   // Rows follow the addresses in ascending order.
-  const int* first = key_of(&a) < key_of(&b) ? &a : &b;
+  const int* first = registry_key(&a) < registry_key(&b) ? &a : &b;
   const int* second = first == &a ? &b : &a;
-  EXPECT_EQ("[" + std::to_string(key_of(first)) + "," + std::to_string(*first) + "]",
+  EXPECT_EQ("[" + std::to_string(registry_key(first)) + "," + std::to_string(*first) + "]",
             print(json_GetArrayItem(list, 1)));
-  EXPECT_EQ("[" + std::to_string(key_of(second)) + "," + std::to_string(*second) + "]",
+  EXPECT_EQ("[" + std::to_string(registry_key(second)) + "," + std::to_string(*second) + "]",
             print(json_GetArrayItem(list, 2)));
   long long hash = *json_GetArrayItemAsLongLong(json_GetArrayItem(list, 1), 0);
   json_Delete(list);
@@ -96,7 +96,7 @@ TEST_F(InstrumentTest, NullArguments) {
 JSON* row_of(JSON* list, const void* tree) {
   for (int i = 1; i < json_GetArraySize(list); ++i) {
     JSON* r = json_GetArrayItem(list, i);
-    if (*json_GetArrayItemAsLongLong(r, 0) == key_of(tree)) return r;
+    if (*json_GetArrayItemAsLongLong(r, 0) == registry_key(tree)) return r;
   }
   return nullptr;
 }
@@ -115,13 +115,13 @@ TEST_F(InstrumentTest, TreesRenderTheirOwnRows) {
   JSON* list = nullptr;
   ASSERT_EQ(0, instrument_list(group, &list));
   EXPECT_EQ("[\"Hash\",\"Created by File\",\"Line Number\",\"Count\",\"Has Lock\"]", print(json_GetArrayItem(list, 0)));
-  EXPECT_EQ("[" + std::to_string(key_of(locked)) + ",\"src/demo.c\",77,3,\"Lock\"]", print(row_of(list, locked)));
-  EXPECT_EQ("[" + std::to_string(key_of(bare)) + ",\"src/other.c\",5,0,\"\"]", print(row_of(list, bare)));
+  EXPECT_EQ("[" + std::to_string(registry_key(locked)) + ",\"src/demo.c\",77,3,\"Lock\"]", print(row_of(list, locked)));
+  EXPECT_EQ("[" + std::to_string(registry_key(bare)) + ",\"src/other.c\",5,0,\"\"]", print(row_of(list, bare)));
   EXPECT_EQ(nullptr, row_of(list, hidden));
   json_Delete(list);
 
   JSON* obj = nullptr;
-  ASSERT_EQ(0, instrument_detail(group, key_of(locked), &obj));
+  ASSERT_EQ(0, instrument_detail(group, registry_key(locked), &obj));
   EXPECT_EQ("{\"Created by File\":\"src/demo.c\",\"Created by Line\":\"77\",\"Count\":\"Count 3\"}", print(obj));
   json_Delete(obj);
 

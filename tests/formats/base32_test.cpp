@@ -19,9 +19,7 @@ class Base32Test : public vektest::LeakCheckedTest {
     char* out = nullptr;
     EXPECT_EQ(0, base32_encode(reinterpret_cast<const unsigned char*>(bytes.data()), static_cast<int>(bytes.size()),
                                &out));
-    std::string text = out ? out : "<null>";
-    vekFree(out);
-    return text;
+    return vektest::take_text(out);
   }
   static std::string decode(const char* text) {
     unsigned char* out = nullptr;

@@ -18,9 +18,7 @@ class Base64Test : public vektest::LeakCheckedTest {
     char* out = nullptr;
     EXPECT_EQ(0, base64_encode(reinterpret_cast<const unsigned char*>(bytes.data()), static_cast<int>(bytes.size()),
                                &out));
-    std::string text = out ? out : "<null>";
-    vekFree(out);
-    return text;
+    return vektest::take_text(out);
   }
   // Decoded bytes, or "<error>" when decoding fails.
   static std::string decode(const char* text) {

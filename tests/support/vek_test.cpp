@@ -44,6 +44,18 @@ TempDir::~TempDir() {
 
 std::string TempDir::file(const std::string& name) const { return path_ + "/" + name; }
 
+std::string take_text(char* text) {
+  if (!text) return "<null>";
+  std::string s = text;
+  vekFree(text);
+  return s;
+}
+
+std::string compact_json(JSON* json) {
+  char* text = json_PrintUnformatted(json);
+  return text ? take_text(text) : "";
+}
+
 std::string read_file(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
   std::ostringstream out;

@@ -4,8 +4,11 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdint>
+
 #include <string>
 
+#include <vekutil/json.h>
 #include <vekutil/memory.h>
 
 namespace vektest {
@@ -40,6 +43,15 @@ class TempDir {
  private:
   std::string path_;
 };
+
+// The key under which the registry files an object: its address.
+inline long long registry_key(const void* object) { return (long long)(intptr_t)object; }
+
+// json as compact text ("" for NULL); the printed copy is released.
+std::string compact_json(JSON* json);
+
+// Text a codec allocated, copied and released ("<null>" for NULL).
+std::string take_text(char* text);
 
 // Whole contents of a file ("" if it cannot be read).
 std::string read_file(const std::string& path);

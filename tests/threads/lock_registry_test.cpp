@@ -12,24 +12,18 @@ namespace {
 
 using LockRegistryTest = locktest::LockTest;
 
-long long key_of(const void* object) { return (long long)(intptr_t)object; }
+using vektest::compact_json;
+using vektest::registry_key;
 std::string at_line(int line) { return std::string(__FILE__) + " [Line " + std::to_string(line) + "]"; }
-
-std::string text_of(JSON* json) {
-  char* printed = json_PrintUnformatted(json);
-  std::string text = printed ? printed : "";
-  _vekFree(printed, __FILE__, __LINE__);
-  return text;
-}
 
 // The header row and the row of object, each as compact JSON text.
 std::string listing_of(void* group, const void* object) {
   JSON* list = nullptr;
   if (instrument_list(group, &list) != 0) return "(no list)";
-  std::string found = text_of(json_GetArrayItem(list, 0));
+  std::string found = compact_json(json_GetArrayItem(list, 0));
   for (int i = 1; i < json_GetArraySize(list); ++i) {
     long long* key = json_GetArrayItemAsLongLong(json_GetArrayItem(list, i), 0);
-    if (key && *key == key_of(object)) found += " " + text_of(json_GetArrayItem(list, i));
+    if (key && *key == registry_key(object)) found += " " + compact_json(json_GetArrayItem(list, i));
   }
   json_Delete(list);
   return found;
@@ -38,9 +32,9 @@ std::string listing_of(void* group, const void* object) {
 // The detail object as compact JSON text, or the registry's result code.
 std::string detail_of(void* group, const void* object) {
   JSON* detail = nullptr;
-  int rc = instrument_detail(group, key_of(object), &detail);
+  int rc = instrument_detail(group, registry_key(object), &detail);
   if (rc != 0) return std::to_string(rc);
-  std::string text = text_of(detail);
+  std::string text = compact_json(detail);
   json_Delete(detail);
   return text;
 }
@@ -63,7 +57,7 @@ TEST_F(LockRegistryTest, MutexShowsNameCreatorLastLockAndUsage) {
   const std::string shown = detail_of(mutex_instrument_handle(), m);
   EXPECT_TRUE(shown == expected(0) || shown == expected(1)) << shown << "\n" << expected(0);
   const std::string listed = listing_of(mutex_instrument_handle(), m);
-  EXPECT_EQ(0u, listed.find(R"(["Hash","Name","Is Locked","Locked Time","Usage"] [)" + std::to_string(key_of(m)) +
+  EXPECT_EQ(0u, listed.find(R"(["Hash","Name","Is Locked","Locked Time","Usage"] [)" + std::to_string(registry_key(m)) +
                             ",\"" + kept + "\",0,"))
       << listed;
   EXPECT_EQ(",2]", listed.substr(listed.size() - 3));
@@ -97,7 +91,7 @@ TEST_F(LockRegistryTest, RwlockShowsCountersAndCurrentHolders) {
   const int read_at = __LINE__ + 1;
   ASSERT_EQ(0, RWLOCK_READLOCK(rw));
   ASSERT_EQ(0, rwlock_unlock(rw));
-  EXPECT_EQ(R"(["Hash","Name","Current Lock Count"] [)" + std::to_string(key_of(rw)) + R"(,"table",1])",
+  EXPECT_EQ(R"(["Hash","Name","Current Lock Count"] [)" + std::to_string(registry_key(rw)) + R"(,"table",1])",
             listing_of(rwlock_instrument_handle(), rw));
   EXPECT_EQ(R"({"name":"table","last lock by file":")" + at_line(read_at) +
                 R"(","readlock count":"2","writelock count":"0","unlock count":"1","delta":"1","last error":"0"})",
@@ -110,7 +104,7 @@ TEST_F(LockRegistryTest, RwlockShowsCountersAndCurrentHolders) {
 TEST_F(LockRegistryTest, EventShowsGateWaitersAndLastWaiter) {
   void* e = nullptr;
   ASSERT_EQ(0, event_create_ex(&e, "door", 7));
-  const std::string row_start = R"(["Hash","Name","Is Locked","Wait Count"] [)" + std::to_string(key_of(e));
+  const std::string row_start = R"(["Hash","Name","Is Locked","Wait Count"] [)" + std::to_string(registry_key(e));
   EXPECT_EQ(row_start + R"(,"door",1,0])", listing_of(event_instrument_handle(), e));
   EXPECT_EQ(R"({"name":"door","wait count":"0","block by file":"NULL [Line 0]","usage":"0","last error":"0"})",
             detail_of(event_instrument_handle(), e));
