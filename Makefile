@@ -5,9 +5,12 @@ CMAKE   ?= cmake
 BUILD   := build
 
 DEPS       := g++ cmake make pkg-config libssl-dev libsqlite3-dev libgtest-dev libgmock-dev libbenchmark-dev
-BENCH_DEPS := libcjson-dev libglib2.0-dev zlib1g-dev
+# Real peers the tests talk to on loopback: proxies, servers and clients.
+TEST_DEPS  := openssl curl python3 sqlite3 tinyproxy dante-server microsocks nginx-light lftp vsftpd \
+              python3-pyftpdlib rsyslog bsdutils
+BENCH_DEPS := libcjson-dev libglib2.0-dev zlib1g-dev libcurl4-openssl-dev
 
-.PHONY: all deps run test test-plain test-asan test-tsan test-fuzz bench install clean
+.PHONY: all deps test-deps run test test-plain test-asan test-tsan test-fuzz bench install clean
 
 all: deps
 	$(CMAKE) -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo
@@ -16,12 +19,15 @@ all: deps
 deps:
 	@./scripts/install-deps.sh $(DEPS)
 
+test-deps:
+	@./scripts/install-deps.sh $(TEST_DEPS)
+
 run: all
 	./$(BUILD)/tools/vekutil demo
 
 # The whole suite, then again under AddressSanitizer+UBSan, the threaded tests
 # under ThreadSanitizer, and the fuzz targets when clang is available.
-test: deps test-plain test-fuzz test-tsan test-asan
+test: deps test-deps test-plain test-fuzz test-tsan test-asan
 
 test-plain:
 	$(CMAKE) -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo

@@ -11,5 +11,14 @@ echo "installing:$missing"
 SUDO=""
 [ "$(id -u)" -ne 0 ] && SUDO="sudo"
 export DEBIAN_FRONTEND=noninteractive
-$SUDO apt-get update -q
-$SUDO apt-get install -y -q --no-install-recommends $missing
+# Server packages (proxies, FTP, HTTP, syslog) are only peers for the tests:
+# keep their post-install scripts from starting system-wide services.
+policy=/usr/sbin/policy-rc.d
+added_policy=""
+if [ ! -e "$policy" ]; then
+  printf '#!/bin/sh\nexit 101\n' | $SUDO tee "$policy" >/dev/null && $SUDO chmod +x "$policy" && added_policy=1
+fi
+status=0
+$SUDO apt-get update -q && $SUDO apt-get install -y -q --no-install-recommends $missing || status=$?
+[ -n "$added_policy" ] && $SUDO rm -f "$policy"
+exit $status
