@@ -3,6 +3,10 @@ JOBS    ?= $(shell nproc)
 PREFIX  ?= /usr/local
 CMAKE   ?= cmake
 BUILD   := build
+# Configured for /usr so that the library directory is the multiarch one;
+# `make install PREFIX=...` still installs anywhere (the tool finds its
+# library relative to itself).
+CONFIGURE := $(CMAKE) -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_INSTALL_PREFIX=/usr
 
 DEPS       := g++ cmake make pkg-config libssl-dev libsqlite3-dev libgtest-dev libgmock-dev libbenchmark-dev
 # Real peers the tests talk to on loopback: proxies, servers and clients.
@@ -10,10 +14,10 @@ TEST_DEPS  := openssl curl python3 sqlite3 tinyproxy dante-server microsocks ngi
               python3-pyftpdlib rsyslog bsdutils
 BENCH_DEPS := libcjson-dev libglib2.0-dev zlib1g-dev libcurl4-openssl-dev
 
-.PHONY: all deps test-deps run test test-plain test-asan test-tsan test-fuzz bench install clean
+.PHONY: all deps test-deps run test deb deb-check test-plain test-asan test-tsan test-fuzz bench install clean
 
 all: deps
-	$(CMAKE) -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo
+	$(CONFIGURE)
 	$(CMAKE) --build $(BUILD) -j $(JOBS)
 
 deps:
@@ -30,7 +34,7 @@ run: all
 test: deps test-deps test-plain test-fuzz test-tsan test-asan
 
 test-plain:
-	$(CMAKE) -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo
+	$(CONFIGURE)
 	$(CMAKE) --build $(BUILD) -j $(JOBS)
 	cd $(BUILD) && ctest --output-on-failure -j $(JOBS)
 
@@ -60,6 +64,15 @@ bench: deps
 
 install: all
 	$(CMAKE) --install $(BUILD) --prefix $(PREFIX)
+
+# Debian packages libvekutil0, libvekutil-dev and vekutil in build/debs.
+deb: all
+	cd $(BUILD) && cpack -B debs
+
+# Installs the packages for real, runs the consumer and tool checks against
+# the system copy, and removes them again.
+deb-check: deb
+	./tests/install/check_installed_packages.sh $(BUILD)/debs tests/install
 
 clean:
 	rm -rf $(BUILD) build-asan build-tsan build-fuzz build-bench
