@@ -14,7 +14,7 @@ TEST_DEPS  := openssl curl python3 sqlite3 tinyproxy dante-server microsocks ngi
               python3-pyftpdlib rsyslog bsdutils
 BENCH_DEPS := libcjson-dev libglib2.0-dev zlib1g-dev libcurl4-openssl-dev
 
-.PHONY: all deps test-deps run test deb deb-check test-plain test-asan test-tsan test-fuzz bench install clean
+.PHONY: all deps test-deps test-i386 run test deb deb-check test-plain test-asan test-tsan test-fuzz bench install clean
 
 all: deps
 	$(CONFIGURE)
@@ -31,12 +31,24 @@ run: all
 
 # The whole suite, then again under AddressSanitizer+UBSan, the threaded tests
 # under ThreadSanitizer, and the fuzz targets when clang is available.
-test: deps test-deps test-plain test-fuzz test-tsan test-asan
+test: deps test-deps test-plain test-i386 test-fuzz test-tsan test-asan
 
 test-plain:
 	$(CONFIGURE)
 	$(CMAKE) --build $(BUILD) -j $(JOBS)
 	cd $(BUILD) && ctest --output-on-failure -j $(JOBS)
+
+# Library, tool and plain suite again for 32-bit x86 (-m32); the sanitizer
+# builds stay 64-bit only.
+I386_DEPS := g++-multilib dpkg-dev
+test-i386:
+	@./scripts/install-deps.sh $(I386_DEPS)
+	./scripts/i386-sysroot.sh build-i386/sysroot
+	$(CMAKE) -S . -B build-i386 -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+	  -DCMAKE_TOOLCHAIN_FILE=cmake/toolchain-i386.cmake -DVEK_I386_ROOT=$(CURDIR)/build-i386/sysroot
+	$(CMAKE) --build build-i386 -j $(JOBS)
+	cd build-i386 && LD_LIBRARY_PATH=$(CURDIR)/build-i386/sysroot/root/usr/lib/i386-linux-gnu \
+	  ctest --output-on-failure -j $(JOBS)
 
 test-asan:
 	$(CMAKE) -S . -B build-asan -DCMAKE_BUILD_TYPE=Debug -DVEK_SANITIZE=asan -DVEK_BUILD_TOOLS=OFF
@@ -75,4 +87,4 @@ deb-check: deb
 	./tests/install/check_installed_packages.sh $(BUILD)/debs tests/install
 
 clean:
-	rm -rf $(BUILD) build-asan build-tsan build-fuzz build-bench
+	rm -rf $(BUILD) build-asan build-tsan build-fuzz build-bench build-i386
