@@ -14,7 +14,7 @@ TEST_DEPS  := openssl curl python3 sqlite3 tinyproxy dante-server microsocks ngi
               python3-pyftpdlib rsyslog bsdutils
 BENCH_DEPS := libcjson-dev libglib2.0-dev zlib1g-dev libcurl4-openssl-dev
 
-.PHONY: all deps test-deps test-i386 run test deb deb-check test-plain test-asan test-tsan test-fuzz bench install clean
+.PHONY: all deps test-deps test-i386 build-fuzz-targets fuzz run test deb deb-check test-plain test-asan test-tsan test-fuzz bench install clean
 
 all: deps
 	$(CONFIGURE)
@@ -30,7 +30,8 @@ run: all
 	./$(BUILD)/tools/vekutil demo
 
 # The whole suite, then again under AddressSanitizer+UBSan, the threaded tests
-# under ThreadSanitizer, and the fuzz targets when clang is available.
+# under ThreadSanitizer, the fuzz targets briefly (clang is installed for
+# them), and the plain suite once more as 32-bit x86.
 test: deps test-deps test-plain test-i386 test-fuzz test-tsan test-asan
 
 test-plain:
@@ -60,13 +61,27 @@ test-tsan:
 	$(CMAKE) --build build-tsan -j $(JOBS)
 	cd build-tsan && TSAN_OPTIONS=halt_on_error=1 ctest --output-on-failure -j $(JOBS) -L tsan
 
-test-fuzz:
-	@if command -v clang++ >/dev/null 2>&1; then \
-	  CC=clang CXX=clang++ $(CMAKE) -S . -B build-fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVEK_BUILD_FUZZ=ON \
-	    -DVEK_BUILD_TESTS=OFF -DVEK_BUILD_TOOLS=OFF && \
-	  $(CMAKE) --build build-fuzz -j $(JOBS) && \
-	  cd build-fuzz && ctest --output-on-failure -L fuzz; \
-	else echo "clang++ not found: fuzz targets skipped"; fi
+FUZZ_DEPS := clang libclang-rt-14-dev
+FUZZ_MINUTES ?= 10
+build-fuzz-targets:
+	@./scripts/install-deps.sh $(FUZZ_DEPS)
+	CC=clang CXX=clang++ $(CMAKE) -S . -B build-fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVEK_BUILD_FUZZ=ON \
+	  -DVEK_BUILD_TESTS=OFF -DVEK_BUILD_TOOLS=OFF
+	$(CMAKE) --build build-fuzz -j $(JOBS)
+
+# Every libFuzzer target briefly, from its kept corpus.
+test-fuzz: build-fuzz-targets
+	cd build-fuzz && ctest --output-on-failure -j $(JOBS) -L fuzz
+
+# Every target for FUZZ_MINUTES of CPU time, adding what it finds to the
+# corpus kept in tests/fuzz/corpus/ (then minimised by a merge).
+fuzz: build-fuzz-targets
+	@for f in build-fuzz/tests/fuzz/*_fuzz; do \
+	  name=$$(basename $$f); kept=tests/fuzz/corpus/$$name; mkdir -p $$kept build-fuzz/min/$$name; \
+	  echo "== $$name ($(FUZZ_MINUTES) min)"; \
+	  $$f -max_total_time=$$(( $(FUZZ_MINUTES) * 60 )) -rss_limit_mb=2048 -print_final_stats=1 $$kept || exit 1; \
+	  $$f -merge=1 build-fuzz/min/$$name $$kept >/dev/null 2>&1 && rm -rf $$kept && mv build-fuzz/min/$$name $$kept; \
+	done
 
 bench: deps
 	@./scripts/install-deps.sh $(BENCH_DEPS)
