@@ -127,7 +127,13 @@ void* debug_mode_realloc(void* ptr, size_t size, const char* file, int line) {
   auto* header =
       too_big(size) ? nullptr : static_cast<VEK_MEMORY_HDR*>(g_vek_memory_funcs.reallocFunc(old_header, size + kHeader));
   if (!header) {
-    // The old block stays allocated but is no longer accounted for.
+    // realloc left the old block as it was: it stays valid, linked and
+    // counted, so the caller can still use and release it.
+    set_tag(old_header, VEK_MEMORY_TAG_LIVE);
+    {
+      vek::ScopedLock lock(g_memory_mutex, kSource, __LINE__);
+      link_block(old_header);
+    }
     log_vek_error("vekMalloc(size[%d]): running out of memory(memory[%d(%d)] handle[%d] maxblock[%d])\n", (int)size,
                   (int)get(g_size), (int)get(g_size_max), (int)get(g_block), (int)get(g_block_max));
     return nullptr;
