@@ -37,6 +37,10 @@ constexpr const char* kSource = "src/pool.c";
 constexpr int kSchedulerStackSize = 16384;
 constexpr int kIdleRunsTolerated = 10;
 constexpr int kCountedWorkersPollMs = 200;
+// How long an idle worker waits for work before it looks whether the pool is
+// shutting down: shutdown items need memory, and a shutdown must finish even
+// when none could be queued.
+constexpr long kShutdownCheckMs = 1000;
 constexpr int kRemainingWorkersPollMs = 5;
 constexpr int kSchedulerNapMs = 2000;
 constexpr int kOneShot = -1;
@@ -175,15 +179,14 @@ void add_worker_for(_POOL_OBJECT* po, int depth) {
 }
 
 // The worker's last words: after the final decrement it never touches the
-// pool again, so the pool may be freed at once.
-void end_worker(_POOL_WORKER_OBJECT* worker, _POOL_WORK_ITEM* shutdown_item) {
+// pool again, so the pool may be freed at once. A counted worker (one not
+// retired when idle) leaves the count here.
+void end_worker(_POOL_WORKER_OBJECT* worker, _POOL_WORK_ITEM* shutdown_item, bool counted) {
   _POOL_OBJECT* po = worker->po;
   {
     vek::ScopedLock guard(po->mux, kSource, __LINE__);
-    if (shutdown_item) {
-      po->cur_threads.fetch_sub(1);
-      --po->shutdown_items;
-    }
+    if (counted) po->cur_threads.fetch_sub(1);
+    if (shutdown_item) --po->shutdown_items;
     --po->unreleased_workers;
   }
   if (shutdown_item) release(shutdown_item, __LINE__);
@@ -242,13 +245,18 @@ void* worker_main(void* arg) {
   int idle_runs = 0;
   for (;;) {
     void* taken = nullptr;
-    const int depth = queue_get(po->queue, &taken, -1);
+    const int depth = queue_get(po->queue, &taken, kShutdownCheckMs);
+    if (depth == ERR_TIMEOUT) {
+      if (!po->is_shutdown.load()) continue;
+      end_worker(worker, nullptr, true);
+      return nullptr;
+    }
     po->queue_depth.store(depth, std::memory_order_relaxed);
     if (depth < 0) break;
     auto* item = static_cast<_POOL_WORK_ITEM*>(taken);
     worker->current_item = item;
     if (item->pc == _thread_shutdown_func) {
-      end_worker(worker, item);
+      end_worker(worker, item, true);
       return nullptr;
     }
     const bool scheduled = item->serial != 0;
@@ -261,7 +269,7 @@ void* worker_main(void* arg) {
     worker->current_item = nullptr;
     if (retire_when_idle(po, idle_runs)) break;
   }
-  end_worker(worker, nullptr);
+  end_worker(worker, nullptr, false);
   return nullptr;
 }
 
