@@ -77,8 +77,10 @@ void* _vekRealloc(void* ptr, size_t size, const char* file, int line) {
     log_vek_error("vekRealloc(size[%d]): invalid size! %s(%u)\n", 0, file, (unsigned)line);
     return nullptr;
   }
-  if (!g_vek_memory_debug) return vekDefaultRealloc(ptr, size, file, line);
+  // A null pointer is a new block in both modes, counted like any other, so
+  // releasing it later keeps the default-mode block count exact.
   if (!ptr) return _vekMalloc(size, file, line);
+  if (!g_vek_memory_debug) return vekDefaultRealloc(ptr, size, file, line);
   return debug_mode_realloc(ptr, size, file, line);
 }
 
