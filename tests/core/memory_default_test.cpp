@@ -26,6 +26,13 @@ TEST(DefaultMemory, BlockCounterMovesOnlyWithMallocAndFree) {
   vekFree(z);  // calloc'd blocks were never counted: the counter drifts
   vekFree(nullptr);
   EXPECT_EQ(vekMemoryBlockUsed(), blocks - 2);
+  // realloc of NULL is a new block: counted, so its release is balanced.
+  blocks = vekMemoryBlockUsed();
+  void* fresh = vekRealloc(nullptr, 32);
+  ASSERT_NE(nullptr, fresh);
+  EXPECT_EQ(vekMemoryBlockUsed(), blocks + 1);
+  vekFree(fresh);
+  EXPECT_EQ(vekMemoryBlockUsed(), blocks);
 }
 
 int g_calls, g_kind, g_size;
