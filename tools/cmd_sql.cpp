@@ -103,6 +103,7 @@ struct ResultSet {
 // result set (a text holding several queries).
 int collect_row(void* custom, int ncols, char** values, char** names) {
   auto& sets = *static_cast<std::vector<ResultSet>*>(custom);
+  if (ncols == 0) return 0;  // a statement without a result
   bool same = !sets.empty() && sets.back().columns.size() == static_cast<size_t>(ncols);
   for (int i = 0; same && i < ncols; ++i) same = sets.back().columns[i] == (names[i] ? names[i] : "");
   if (!same) {

@@ -48,7 +48,7 @@ typedef struct SQLITE_RESULT {
 
 /* The column SQLite numbers itself (the INTEGER PRIMARY KEY, with or
  * without AUTOINCREMENT) as sqlite_table_column_autoincrement finds it.
- * id is the column number as text, name and type as declared, opts the
+ * id is the column number as text, name and type as SQLite lists them, opts the
  * constraints as text ("PRIMARY KEY AUTOINCREMENT NOT NULL", ...); index
  * is the column number (-1 and all texts NULL when there is no such column)
  * and all_column_count the number of columns of the table. The texts belong
