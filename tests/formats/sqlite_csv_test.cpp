@@ -153,6 +153,26 @@ TEST_F(SqliteCsvTest, ImportReadsTheGrammarAndRefusesWhatItCannotStore) {
   EXPECT_EQ((Strings{"'x'", "NULL", "'y'"}), rows("SELECT quote(v) FROM one ORDER BY rowid"));
 }
 
+// The importer reads 1 MiB at a time. A first record padded so that the end
+// of the first read falls on every byte of some tricky records checks that a
+// record cut anywhere (inside qualifiers, between CR and LF, on a doubled
+// qualifier) reads the same; a 3 MiB field checks that the buffer grows.
+TEST_F(SqliteCsvTest, RecordsCutByTheReadBufferReadTheSame) {
+  constexpr size_t kBlock = 1 << 20;
+  exec_ok("PRAGMA synchronous = OFF; CREATE TABLE t(a, b)");
+  const std::string tricky = "\"q\"\"r\",\"s\r\nt\"\r\n\r\nu\rv,\"\"\r\nw,x";
+  const Strings expected = {"'q\"r'|'s\r\nt'", "'u\rv'|''", "'w'|'x'"};
+  for (size_t cut = 0; cut <= tricky.size(); ++cut) {
+    const std::string padding(kBlock - 3 - cut, 'p');
+    exec_ok("DELETE FROM t");
+    EXPECT_EQ("4/0", import(padding + ",z\n" + tricky, "t", false, ',', '"')) << "cut at " << cut;
+    EXPECT_EQ(expected, rows("SELECT quote(a), quote(b) FROM t WHERE b IS NOT 'z' ORDER BY rowid")) << "cut at " << cut;
+  }
+  exec_ok("DELETE FROM t");
+  EXPECT_EQ("2/0", import("\"" + std::string(3 * kBlock, 'g') + "\",1\n" + tricky.substr(0, 17), "t", false, ',', '"'));
+  EXPECT_EQ((Strings{std::to_string(3 * kBlock) + "|'1'", "3|'s\r\nt'"}), rows("SELECT length(a), quote(b) FROM t ORDER BY rowid"));
+}
+
 TEST_F(SqliteCsvTest, RoundTripKeepsEveryTextWhenAQualifierIsSet) {
   fill_awkward(db_);
   exec_ok("CREATE TABLE dst(id INTEGER, txt TEXT, num REAL, other TEXT)");
