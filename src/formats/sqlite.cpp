@@ -5,6 +5,7 @@
 #include <pthread.h>
 #include <strings.h>
 
+#include <cstddef>
 #include <cstring>
 #include <initializer_list>
 
@@ -18,6 +19,14 @@
 #include "formats/sqlite.internal.hpp"
 
 void* g_sqlite_dbhandle = nullptr;
+
+// The public records keep their documented field order.
+static_assert(offsetof(SQLITE_RESULT, results) == 0 && offsetof(SQLITE_RESULT, nrows) == sizeof(char**) &&
+              offsetof(SQLITE_RESULT, ncols) == sizeof(char**) + sizeof(int));
+static_assert(offsetof(_AUTOINC, id) == 0 && offsetof(_AUTOINC, name) == sizeof(char*) &&
+              offsetof(_AUTOINC, type) == 2 * sizeof(char*) && offsetof(_AUTOINC, opts) == 3 * sizeof(char*) &&
+              offsetof(_AUTOINC, index) == 4 * sizeof(char*) &&
+              offsetof(_AUTOINC, all_column_count) == 4 * sizeof(char*) + sizeof(int));
 
 namespace vek::sql {
 

@@ -146,27 +146,26 @@ int write_row(void* custom, int ncols, char** values, char** names) {
   return 0;
 }
 
-// Closes the file and removes it after a failure.
+// Closes the file; after a failure removes it, and every row counts as
+// failed since none of them stays.
 int finish_export(CsvWriter& w, int rc) {
   if (rc >= 0) flush(w);
   if (std::fclose(w.file) != 0 && !w.failed) {
     log_vek_error("sqlite_to_csv(%s): fclose failed[%d]\n", w.filename, errno);
     w.failed = true;
-    w.rows_failed += w.rows_written;
-    w.rows_written = 0;
   }
   if (w.failed) rc = ERR_SYSTEM;
-  if (rc < 0) {
-    w.rows_failed += w.rows_buffered;
-    w.rows_buffered = 0;
-    if (std::remove(w.filename) != 0) {
-      log_vek_error("sqlite_to_csv(Failed to remove %s\n", w.filename);
-      return ERR_SQLITE_REMOVE;
-    }
-    return rc;
+  if (rc >= 0) {
+    report_progress(w.h, w.rows_written);
+    return 0;
   }
-  report_progress(w.h, w.rows_written);
-  return 0;
+  w.rows_failed += w.rows_written + w.rows_buffered;
+  w.rows_written = w.rows_buffered = 0;
+  if (std::remove(w.filename) != 0) {
+    log_vek_error("sqlite_to_csv(Failed to remove %s\n", w.filename);
+    return ERR_SQLITE_REMOVE;
+  }
+  return rc;
 }
 
 // ---------------------------------------------------------------- import
@@ -524,6 +523,7 @@ int import_records(Import& im) {
 int import_file(Import& im, const char* tablename, bool header) {
   const int prefix = build_prefix(im, tablename, header);
   if (prefix != 0) return prefix > 0 ? 0 : prefix;
+  im.reader->keep_empty_lines(im.columns == 1);
   if (!begin(im)) return ERR_SQLITE_TRANSACTION;
   int rc = import_records(im);
   // After a read failure what was read is still committed.

@@ -150,7 +150,8 @@ TEST_F(SqliteCsvTest, ImportReadsTheGrammarAndRefusesWhatItCannotStore) {
 
   exec_ok("CREATE TABLE one(v)");  // with a single column an empty line is a NULL row
   EXPECT_EQ("3/0", import("x\n\ny\n", "one", false, ',', '"'));
-  EXPECT_EQ((Strings{"'x'", "NULL", "'y'"}), rows("SELECT quote(v) FROM one ORDER BY rowid"));
+  EXPECT_EQ("3/0", import("v\r\n\r\n\"\"\r\nz\r\n", "one", true, ',', '"'));
+  EXPECT_EQ((Strings{"'x'", "NULL", "'y'", "NULL", "''", "'z'"}), rows("SELECT quote(v) FROM one ORDER BY rowid"));
 }
 
 // The importer reads 1 MiB at a time. A first record padded so that the end
