@@ -30,7 +30,7 @@ namespace {
 
 constexpr size_t kWriteBuffer = 1 << 18;
 constexpr size_t kReadBuffer = 1 << 20;
-constexpr size_t kMaxRecord = size_t{1} << 29;  // SQLite refuses statements of 1e9 bytes anyway
+constexpr size_t kMaxRecord = size_t{1} << 28;  // its statement (quotes doubled) stays below 1 GiB
 constexpr int kQueryCapacity = 256;
 constexpr int kCommitEvery = 100;
 constexpr long long kProgressEvery = 4096;
@@ -179,10 +179,14 @@ struct SqlSink {
   char quote;       // '\'' for literals, '"' for identifiers
   bool identifiers;
   int fields;
-  bool bad;         // a zero byte, too many fields or an open qualifier
+  bool bad;         // a zero byte, too many fields, an open qualifier, no memory
   bool empty_name;
 
-  void add(const char* text, size_t n) { blob_append(blob, text, static_cast<int>(n)); }
+  // A statement missing a piece could read differently: a failed append
+  // refuses the record.
+  void add(const char* text, size_t n) {
+    if (n > kMaxRecord || blob_append(blob, text, static_cast<int>(n)) != 0) bad = true;
+  }
 
   void begin_field() {
     if (fields++) add(",", 1);
@@ -430,15 +434,11 @@ RecordStatus read_record(Import& im, SqlSink& sink) {
 // names are quoted identifiers, so a crafted header stays a list of names.
 // 1 when a header was asked for and the file is empty.
 int build_prefix(Import& im, const char* tablename, bool header) {
-  blob_append_string(im.blob, "INSERT INTO ");
-  blob_append_string(im.blob, tablename);
-  if (!header) {
-    blob_append_string(im.blob, " VALUES (");
-    im.prefix_len = blob_get_length(im.blob);
-    return 0;
-  }
-  blob_append_string(im.blob, " (");
+  if (blob_append_string(im.blob, "INSERT INTO ") != 0 || blob_append_string(im.blob, tablename) != 0 ||
+      blob_append_string(im.blob, header ? " (" : " VALUES (") != 0)
+    return ERR_NO_MEMORY;
   im.prefix_len = blob_get_length(im.blob);
+  if (!header) return 0;
   SqlSink names{im.blob, '"', true, 0, false, false};
   const RecordStatus status = read_record(im, names);
   if (status == RecordStatus::kEnd) return 1;
@@ -447,7 +447,7 @@ int build_prefix(Import& im, const char* tablename, bool header) {
     return ERR_SQLITE_IMPORT;
   }
   im.columns = names.fields;
-  blob_append_string(im.blob, ") VALUES (");
+  if (blob_append_string(im.blob, ") VALUES (") != 0) return ERR_NO_MEMORY;
   im.prefix_len = blob_get_length(im.blob);
   return 0;
 }
@@ -488,8 +488,13 @@ void insert(Import& im, SqlSink& values) {
     ++im.error;
     return;
   }
-  for (int i = values.fields; i < im.columns; ++i) blob_append(im.blob, ",NULL", 5);
-  blob_append(im.blob, ")", 2);  // with the terminator
+  for (int i = values.fields; i < im.columns; ++i) values.add(",NULL", 5);
+  values.add(")", 2);  // with the terminator
+  if (values.bad) {
+    ++im.refused;
+    ++im.error;
+    return;
+  }
   const char* sql = static_cast<const char*>(blob_get_buffer(im.blob));
   if (run(im.h, sql, nullptr, nullptr, Caller::kExec) >= 1) {
     ++im.success;
