@@ -272,6 +272,23 @@ int enter(void* handle) {
   return handle ? 0 : ERR_INVALID_HANDLE;
 }
 
+// Expands fmt with SQLite's formatter and runs the text under the mutex.
+int exec_formatted(void* handle, ExecCallback callback, void* custom, Caller caller, const char* fmt,
+                   va_list args) {
+  if (const int rc = enter(handle)) return rc;
+  if (!fmt) return ERR_INVALID_PARAMETER;
+  Handle* h = as_handle(handle);
+  char* sql = api.vmprintf(fmt, args);
+  if (!sql) return ERR_NO_MEMORY;
+  int rc;
+  {
+    vek::ScopedLock guard(h->mux, kSource, __LINE__);
+    rc = run(h, sql, callback, custom, caller);
+  }
+  api.free(sql);
+  return rc;
+}
+
 }  // namespace
 
 char* format(const char* fmt, ...) {
@@ -430,43 +447,22 @@ void sqlite_free(SQLITE_RESULT* rslt) {
 }
 
 int sqlite_exec_args(void* handle, const char* fmt, va_list args) {
-  if (const int rc = enter(handle)) return rc;
-  if (!fmt) return ERR_INVALID_PARAMETER;
-  Handle* h = as_handle(handle);
-  char* sql = api.vmprintf(fmt, args);
-  if (!sql) return ERR_NO_MEMORY;
-  int rc;
-  {
-    vek::ScopedLock guard(h->mux, kSource, __LINE__);
-    rc = run(h, sql, nullptr, nullptr, Caller::kExec);
-  }
-  api.free(sql);
-  return rc;
+  return exec_formatted(handle, nullptr, nullptr, Caller::kExec, fmt, args);
 }
 
 int sqlite_exec(void* handle, const char* fmt, ...) {
   va_list args;
   va_start(args, fmt);
-  const int rc = sqlite_exec_args(handle, fmt, args);
+  const int rc = exec_formatted(handle, nullptr, nullptr, Caller::kExec, fmt, args);
   va_end(args);
   return rc;
 }
 
 int sqlite_exec_ex(void* handle, sqlite_callback callback, void* custom, const char* fmt, ...) {
-  if (const int rc = enter(handle)) return rc;
-  if (!fmt) return ERR_INVALID_PARAMETER;
-  Handle* h = as_handle(handle);
   va_list args;
   va_start(args, fmt);
-  char* sql = api.vmprintf(fmt, args);
+  const int rc = exec_formatted(handle, callback, custom, Caller::kExecEx, fmt, args);
   va_end(args);
-  if (!sql) return ERR_NO_MEMORY;
-  int rc;
-  {
-    vek::ScopedLock guard(h->mux, kSource, __LINE__);
-    rc = run(h, sql, callback, custom, Caller::kExecEx);
-  }
-  api.free(sql);
   return rc;
 }
 

@@ -22,7 +22,6 @@ constexpr int kLocked = 6;
 constexpr int kMisuse = 21;
 constexpr int kConstraint = 19;
 constexpr int kMismatch = 20;
-constexpr int kDone = 101;
 
 using ExecCallback = int (*)(void*, int, char**, char**);
 using UpdateHook = void (*)(void*, int, const char*, const char*, long long);
