@@ -468,6 +468,7 @@ TEST_F(TlsPairTest, WritesAreCutInto64512BytePieces) {
   std::thread reader([&] { EXPECT_EQ(0, socket_recv(p.server, got.data(), static_cast<int>(got.size()), 5000)); });
   EXPECT_EQ(0, socket_send(p.client, data.data(), static_cast<int>(data.size())));
   reader.join();
+  SSL_set_msg_callback(ssl_get_raw_object(p.client), nullptr);
   EXPECT_TRUE(got == data);
 
   // Each SSL_write fills records of 16384 bytes and ends with what is left
