@@ -26,6 +26,7 @@
 #include <vekutil/threads.h>
 
 #include "core/internal.hpp"
+#include "net/net.internal.hpp"
 
 static_assert(offsetof(_SSLO, ssl) == 0);
 static_assert(offsetof(_SSLO, errcode) == sizeof(void*));
@@ -49,7 +50,9 @@ struct _SSLO_CTX {
   char errmsg[kErrTextMax + 1];
 };
 
-ABSTRACT_SOCKET* as_socket(void* handle) { return static_cast<ABSTRACT_SOCKET*>(handle); }
+using vek::net::as_socket;
+using vek::net::log_result;
+
 _SSLO_CTX* as_ctx(void* ctx) { return static_cast<_SSLO_CTX*>(ctx); }
 
 // The socket's TLS state, or NULL when the socket is not morphed by this
@@ -91,10 +94,9 @@ void keep_connection_error(_SSLO* st, int ret) {
 }
 
 // A failed call that queued its reason: the queued code and its text.
-int keep_queued_error(int* errcode, char* errmsg) {
+void keep_queued_error(int* errcode, char* errmsg) {
   *errcode = static_cast<int>(ERR_get_error());
   describe(*errcode, errmsg, false, 0);
-  return *errcode;
 }
 
 // ---- waiting for readiness --------------------------------------------------
@@ -128,10 +130,6 @@ int refuse_timeout(ABSTRACT_SOCKET* sock) {
   return ERR_SOCKET_FAILED;
 }
 
-void log_result(ABSTRACT_SOCKET* sock, const char* fn, int ret, int oserr) {
-  if (sock->a_log_a) sock->a_log_a(sock, sock->owner, sock->s, fn, ret, oserr);
-}
-
 // Before a read: waits for the descriptor unless the time-out says block
 // inside OpenSSL, or OpenSSL already holds decrypted bytes.
 int wait_readable(ABSTRACT_SOCKET* sock, SSL* ssl, int timeout) {
@@ -156,7 +154,7 @@ int read_failed(ABSTRACT_SOCKET* sock, _SSLO* st, int ret) {
   return ERR_SSL_IO;
 }
 
-// Checks shared by the four data operations; 1 when the call may go on,
+// Checks shared by the four data operations: true when the call may go on,
 // else *result holds what to return.
 bool usable(ABSTRACT_SOCKET* sock, _SSLO*& st, int timeout, int* result) {
   st = tls_state(sock);
