@@ -130,15 +130,35 @@ int refuse_timeout(ABSTRACT_SOCKET* sock) {
   return ERR_SOCKET_FAILED;
 }
 
-// Before a read: waits for the descriptor unless the time-out says block
-// inside OpenSSL, or OpenSSL already holds decrypted bytes.
+// Looks at what arrived without blocking for more: 1 when application data
+// (or the end of the stream, or a failure the read will report; its reason
+// stays queued for it) is ready, 0 when the records were only TLS's own
+// (session tickets, key updates), after which a blocking read would wait
+// with no time-out at all.
+int application_data_ready(SSL* ssl) {
+  char byte;
+  const long mode = SSL_get_mode(ssl);
+  SSL_clear_mode(ssl, SSL_MODE_AUTO_RETRY);
+  const int n = SSL_peek(ssl, &byte, 1);
+  const bool more_needed = n <= 0 && SSL_get_error(ssl, n) == SSL_ERROR_WANT_READ;
+  SSL_set_mode(ssl, mode);
+  if (more_needed) ERR_clear_error();
+  return more_needed ? 0 : 1;
+}
+
+// Before a read: waits until application data is there, unless the
+// time-out says block inside OpenSSL or OpenSSL already holds decrypted
+// bytes.
 int wait_readable(ABSTRACT_SOCKET* sock, SSL* ssl, int timeout) {
   if (timeout < 1 || SSL_pending(ssl) > 0) return 0;
   long long budget_us = static_cast<long long>(timeout) * 1000;
-  const int r = wait_ready(sock->s, POLLIN, &budget_us);
-  if (r > 0) return 0;
-  sock->err = r == 0 ? ERR_SOCKET_TIMEOUT : errno;
-  return r == 0 ? ERR_SOCKET_TIMEOUT : ERR_SOCKET_FAILED;
+  for (;;) {
+    const int r = wait_ready(sock->s, POLLIN, &budget_us);
+    if (r > 0 && application_data_ready(ssl)) return 0;
+    if (r > 0) continue;
+    sock->err = r == 0 ? ERR_SOCKET_TIMEOUT : errno;
+    return r == 0 ? ERR_SOCKET_TIMEOUT : ERR_SOCKET_FAILED;
+  }
 }
 
 // SSL_read gave ret <= 0: the peer's close (end of stream, close-notify, or
@@ -459,8 +479,8 @@ int _ssl_recv2(void* handle, char* buffer, int* length, int timeout) {
   if (!buffer || !length || *length < 0) return ERR_INVALID_PARAMETER;
   // A read of nothing would look like the peer's close.
   if (*length == 0) return 0;
-  if (const int w = wait_readable(sock, st->ssl, timeout)) return w;
   ERR_clear_error();
+  if (const int w = wait_readable(sock, st->ssl, timeout)) return w;
   const int n = SSL_read(st->ssl, buffer, *length);
   if (n > 0) {
     *length = n;
@@ -477,9 +497,9 @@ int _ssl_recv(void* handle, char* buffer, int length, int timeout) {
   if (!usable(sock, st, timeout, &result)) return result;
   if (!buffer || length < 0) return ERR_INVALID_PARAMETER;
   if (length == 0) return 0;
+  ERR_clear_error();
   if (const int w = wait_readable(sock, st->ssl, timeout)) return w;
   for (int total = 0; total < length;) {
-    ERR_clear_error();
     const int n = SSL_read(st->ssl, buffer + total, length - total);
     if (n <= 0) return read_failed(sock, st, n);
     total += n;
