@@ -126,7 +126,7 @@ class ProxyTest : public vektest::LeakCheckedTest {
   // Runs each case; a tunnel that opens must carry the greeting and an echo.
   void run_cases(const std::string& proxy_addr, const std::vector<Tunnel>& cases) {
     for (const Tunnel& c : cases) {
-      SCOPED_TRACE(c.what);
+      SCOPED_TRACE(std::string(c.what) + " via " + proxy_addr + " to " + c.target);
       std::string addr = proxy_addr;
       SOCKET_PROXY_INFO info{c.type, addr.data(), const_cast<char*>(c.user), const_cast<char*>(c.pass)};
       Sock s;
