@@ -7,6 +7,7 @@
 #include <functional>
 #include <mutex>
 
+#include "alloc_failure.hpp"
 #include "net_test_util.hpp"
 #include "vek_test.hpp"
 
@@ -632,6 +633,23 @@ TEST_F(SocketTest, CloseReconnectAndDelete) {
   Sock third = listener().accept();
   ASSERT_TRUE(third);
   EXPECT_EQ(ERR_SOCKET_RECV, socket_recv(second.get(), buf, 1, 1000));
+}
+
+TEST_F(SocketTest, AllocationFailuresLeaveNothingBehind) {
+  const unsigned char key[16] = {}, iv[16] = {};
+  const std::string addr = listener().addr();
+  vektest::for_each_allocation_failure([&] {
+    void* c = nullptr;
+    if (socket_create(&c) != 0) return false;
+    bool ok = socket_connect(c, addr.c_str()) == 0;
+    void* a = ok ? socket_accept(listener().get(), 2000) : nullptr;
+    char* local = nullptr;
+    ok = ok && a && stcp_morph(c, key, iv, 128) == 0 && socket_local_address(a, &local) == 0;
+    if (local) _vekFree(local, __FILE__, __LINE__);
+    if (a) socket_delete(a);
+    socket_delete(c);
+    return ok;
+  });
 }
 
 }  // namespace
