@@ -1,3 +1,4 @@
+// ctest-labels: tsan
 // The secure stream against OpenSSL's own AES-CBC (the openssl program on
 // the raw bytes of a peer socket), with the library on both ends, and its
 // refusals.
