@@ -5,7 +5,6 @@
 #include <sys/select.h>
 
 #include <functional>
-#include <mutex>
 
 #include "alloc_failure.hpp"
 #include "net_test_util.hpp"
@@ -15,43 +14,24 @@ namespace {
 
 using namespace nettest;
 
-// What the logging callbacks saw, as "fn ret oserr" and "fn:len" lines.
-struct LogTrail {
-  std::mutex m;
-  std::vector<std::string> results;
-  std::vector<std::string> buffers;
-  std::string owner_seen;
+// What the logging callbacks saw (only the test's own thread uses watched
+// sockets): "fn ret oserr" and "fn:len" lines, and the owner label.
+std::vector<std::string> g_results, g_buffers;
+std::string g_owner_seen;
 
-  static LogTrail& get() {
-    static LogTrail t;
-    return t;
-  }
-  void clear() {
-    std::lock_guard<std::mutex> g(m);
-    results.clear();
-    buffers.clear();
-  }
-  std::vector<std::string> take_results() {
-    std::lock_guard<std::mutex> g(m);
-    return std::exchange(results, {});
-  }
-  static void on_result(void*, const char* owner, int, const char* fn, int ret, int oserr) {
-    auto& t = get();
-    std::lock_guard<std::mutex> g(t.m);
-    t.owner_seen = owner ? owner : "";
-    t.results.push_back(std::string(fn) + " " + std::to_string(ret) + " " + std::to_string(oserr));
-  }
-  static void on_buffer(void*, const char*, int, const char* fn, const char*, int len) {
-    auto& t = get();
-    std::lock_guard<std::mutex> g(t.m);
-    t.buffers.push_back(std::string(fn) + ":" + std::to_string(len));
-  }
-};
-
-void watch(void* s) {
-  LogTrail::get().clear();
-  socket_set_log_callbacks(s, LogTrail::on_buffer, LogTrail::on_result);
+void on_result(void*, const char* owner, int, const char* fn, int ret, int oserr) {
+  g_owner_seen = owner ? owner : "";
+  g_results.push_back(std::string(fn) + " " + std::to_string(ret) + " " + std::to_string(oserr));
 }
+void on_buffer(void*, const char*, int, const char* fn, const char*, int len) {
+  g_buffers.push_back(std::string(fn) + ":" + std::to_string(len));
+}
+void watch(void* s) {
+  g_results.clear();
+  g_buffers.clear();
+  socket_set_log_callbacks(s, on_buffer, on_result);
+}
+std::vector<std::string> take_results() { return std::exchange(g_results, {}); }
 
 class SocketTest : public vektest::LeakCheckedTest {
  protected:
@@ -188,7 +168,7 @@ TEST_F(SocketTest, MalformedOrUnknownAddressesAreRefusedBeforeAnyTraffic) {
     EXPECT_EQ(c.expected, socket_connect(s.get(), c.addr)) << (c.addr ? c.addr : "NULL");
     EXPECT_EQ(c.expected, socket_error(s.get()));
     EXPECT_EQ(0, socket_isopen(s.get()));
-    std::vector<std::string> log = LogTrail::get().take_results();
+    std::vector<std::string> log = take_results();
     ASSERT_EQ(1u, log.size());
     EXPECT_EQ("connect(make_addr) " + std::to_string(c.expected) + " 0", log[0]);
   }
@@ -203,7 +183,7 @@ TEST_F(SocketTest, ConnectFailuresLeaveTheSocketClosed) {
   EXPECT_TRUE(rc == ERR_SOCKET_CONNECT || rc == ERR_SOCKET_FAILED) << rc;
   EXPECT_EQ(ECONNREFUSED, socket_error(s.get()));
   EXPECT_EQ(0, socket_isopen(s.get()));
-  std::vector<std::string> log = LogTrail::get().take_results();
+  std::vector<std::string> log = take_results();
   ASSERT_EQ(1u, log.size());
   EXPECT_EQ("connect() " + std::to_string(rc) + " " + std::to_string(ECONNREFUSED), log[0]);
 
@@ -223,7 +203,7 @@ TEST_F(SocketTest, ConnectFailuresLeaveTheSocketClosed) {
   EXPECT_EQ(ERR_TIMEOUT, socket_connect_ex(s.get(), full.addr().c_str(), 200));
   EXPECT_EQ(ERR_TIMEOUT, socket_error(s.get()));
   EXPECT_EQ(0, socket_isopen(s.get()));
-  log = LogTrail::get().take_results();
+  log = take_results();
   ASSERT_EQ(1u, log.size());
   EXPECT_EQ("connect(timeout) -7002 0", log[0]);
   for (int fd : queued) close(fd);
@@ -411,10 +391,10 @@ TEST_F(SocketTest, LogCallbacksSeeEveryStage) {
   EXPECT_EQ(ERR_SOCKET_CLOSED, socket_recv(c.get(), buf, 1, 1000));
   const std::vector<std::string> expected_results = {
       "connect() 0 0", "send() 0 0", "recv() 0 0", "recv() 0 " + std::to_string(EAGAIN), "recv() -7209 0"};
-  EXPECT_EQ(expected_results, LogTrail::get().take_results());
-  EXPECT_EQ("client-under-test", LogTrail::get().owner_seen);
+  EXPECT_EQ(expected_results, take_results());
+  EXPECT_EQ("client-under-test", g_owner_seen);
   const std::vector<std::string> expected_buffers = {"send():4", "recv():5"};
-  EXPECT_EQ(expected_buffers, LogTrail::get().buffers);
+  EXPECT_EQ(expected_buffers, g_buffers);
   socket_set_log_callbacks(c.get(), nullptr, nullptr);
 }
 
