@@ -171,7 +171,7 @@ int connect_failed(ABSTRACT_SOCKET* s, int code, int err) {
 
 int connect_errno(ABSTRACT_SOCKET* s, int code, const char* call) {
   const int e = errno;
-  log_vek_error("socket_connect_ex2(%s): %s failed[%d]\n", text_or_null(s->peer), call, e);
+  log_vek_error("socket_connect_ex2(%s:%d): %s failed[%d]\n", text_or_null(s->file), s->line, call, e);
   return connect_failed(s, code, e);
 }
 
