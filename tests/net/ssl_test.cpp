@@ -10,6 +10,7 @@
 #include <filesystem>
 #include <future>
 
+#include "alloc_failure.hpp"
 #include "net_test_util.hpp"
 #include "peer.hpp"
 #include "vek_test.hpp"
@@ -330,6 +331,39 @@ TEST_F(TlsTest, FailedHandshakesLeaveTheSocketMorphed) {
   EXPECT_EQ(ERR_SSL_ACCEPT, p.accepted);
   EXPECT_NE(nullptr, std::strstr(ssl_error(p.client.get()), "certificate verify failed")) << ssl_error(p.client.get());
   EXPECT_EQ(ERR_SSL_IO, socket_send(p.client.get(), "x", 1));
+}
+
+TEST_F(TlsTest, AllocationFailuresLeaveNothingBehind) {
+  Ctx sctx;
+  server_ctx(sctx);
+  Listener l;
+  vektest::for_each_allocation_failure([&] {
+    void* cctx = nullptr;
+    const int created = ssl_ctx_create(&cctx);
+    if (created != 0) {
+      EXPECT_EQ(ERR_NO_MEMORY, created);
+      EXPECT_EQ(nullptr, cctx);
+      return false;
+    }
+    nettest::Pair p = nettest::connect_pair(l);
+    bool ok = socket_isopen(p.client.get()) == 1 && socket_isopen(p.server.get()) == 1;
+    if (ok) {
+      // A side that fails closes at once, so the other never waits for it.
+      auto accepted = std::async(std::launch::async, [&] {
+        const int r = ssl_accept(p.server.get(), sctx.h);
+        if (r != 0) socket_close(p.server.get());
+        return r;
+      });
+      const int connected = ssl_connect(p.client.get(), cctx);
+      if (connected != 0) socket_close(p.client.get());
+      const int r = accepted.get();
+      EXPECT_TRUE(connected == 0 || connected == ERR_NO_MEMORY || connected == ERR_SSL_CONNECT) << connected;
+      ok = connected == 0 && r == 0;
+    }
+    p = {};
+    ssl_ctx_delete(cctx);
+    return ok;
+  });
 }
 
 // ---- openssl s_server --------------------------------------------------------------
