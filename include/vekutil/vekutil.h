@@ -40,5 +40,6 @@
 #include <vekutil/threads.h>
 #include <vekutil/queue.h>
 #include <vekutil/pool.h>
+#include <vekutil/socket.async.h>
 
 #endif
