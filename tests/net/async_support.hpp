@@ -10,15 +10,14 @@
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
+#include <vekutil/socket.async.h>
+#include <vekutil/socket.h>
 
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
 #include <string>
 #include <vector>
-
-#include <vekutil/socket.async.h>
-#include <vekutil/socket.h>
 
 #include "vek_test.hpp"
 
@@ -97,7 +96,8 @@ inline std::string recv_bytes(int fd, size_t want, int timeout_ms = kPatienceMs)
   std::string out;
   auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
   while (out.size() < want) {
-    int left = (int)std::chrono::duration_cast<std::chrono::milliseconds>(end - std::chrono::steady_clock::now()).count();
+    int left =
+        (int)std::chrono::duration_cast<std::chrono::milliseconds>(end - std::chrono::steady_clock::now()).count();
     pollfd p{fd, POLLIN, 0};
     if (left <= 0 || poll(&p, 1, left) <= 0) break;
     char buf[4096];
