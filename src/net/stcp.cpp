@@ -93,12 +93,17 @@ int await(ABSTRACT_SOCKET* s, bool for_write, const Deadline& deadline) {
 
 int send_all(ABSTRACT_SOCKET* s, const unsigned char* data, int length, int timeout, const Deadline& deadline,
              bool more_follows) {
-  const int flags = MSG_NOSIGNAL | (timeout > 0 ? MSG_DONTWAIT : 0) | (more_follows ? MSG_MORE : 0);
+  const int flags = MSG_NOSIGNAL | (timeout > 0 ? MSG_DONTWAIT : 0);
   int sent = 0;
   while (sent < length) {
-    const ssize_t n = send(s->s, data + sent, (size_t)std::min(length - sent, kMaxIoChunk), flags);
+    const int chunk = std::min(length - sent, kMaxIoChunk);
+    const bool last = sent + chunk == length && !more_follows;
+    const ssize_t n = send(s->s, data + sent, (size_t)chunk, flags | (last ? 0 : MSG_MORE));
     if (n > 0) {
       sent += (int)n;
+      // Short while not blocking: the buffer is full, wait before retrying.
+      if (n < chunk && timeout > 0)
+        if (int rc = await(s, true, deadline)) return rc;
     } else if (n == 0) {
       return stream_error(s, ERR_SOCKET_CLOSED, ERR_SOCKET_CLOSED);
     } else if (timeout > 0 && vek::net::would_block(errno)) {
