@@ -3,41 +3,31 @@
 // default workers, deletion, a thousand clients on one worker, and
 // registrations changed by other threads and by callbacks meanwhile.
 // ctest-labels: tsan
-#include <arpa/inet.h>
 #include <fcntl.h>
-#include <netinet/in.h>
-#include <netinet/tcp.h>
 #include <sys/epoll.h>
 #include <sys/resource.h>
-#include <sys/socket.h>
-#include <unistd.h>
-#include <vekutil/errors.h>
-#include <vekutil/instrument.h>
-#include <vekutil/socket.async.h>
-#include <vekutil/socket.h>
 
 #include <algorithm>
-#include <atomic>
-#include <cerrno>
 #include <cstdio>
 #include <future>
 #include <memory>
 #include <mutex>
-#include <string>
-#include <thread>
-#include <vector>
 
+#include <vekutil/errors.h>
+#include <vekutil/instrument.h>
+#include <vekutil/socket.async.h>
+
+#include "net_test_util.hpp"
 #include "vek_test.hpp"
 
 namespace {
 
 using namespace std::chrono_literals;
 
-#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
-constexpr bool kSanitized = true;
-#else
-constexpr bool kSanitized = false;
-#endif
+using nettest::kSanitized;
+using nettest::Listener;
+using nettest::raw_connect;
+using nettest::write_all;
 constexpr int kPatienceMs = 10000;  // only a failing test waits this long
 
 template <class Done>
@@ -49,23 +39,6 @@ bool eventually(Done done, int ms = kPatienceMs) {
   return true;
 }
 
-int connect_raw(int port) {
-  int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in addr{};
-  addr.sin_family = AF_INET;
-  addr.sin_port = htons((uint16_t)port);
-  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  int one = 1;
-  setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
-  if (connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0) return fd;
-  close(fd);
-  return -1;
-}
-
-bool send_text(int fd, const std::string& text) {
-  return send(fd, text.data(), text.size(), MSG_NOSIGNAL) == (ssize_t)text.size();
-}
-
 // True when the peer closed (or reset) the connection within the patience.
 bool sees_close(int fd) {
   timeval tv{kPatienceMs / 1000, 0};
@@ -74,27 +47,12 @@ bool sees_close(int fd) {
   return recv(fd, &c, 1, 0) <= 0 && errno != EAGAIN;
 }
 
-struct Listener {
-  void* server = nullptr;
-  int port = 0;
-  Listener() {
-    sockaddr_in addr{};
-    socklen_t len = sizeof addr;
-    if (socket_listen(&server, "127.0.0.1:0") == 0 &&
-        getsockname(socket_descriptor(server), reinterpret_cast<sockaddr*>(&addr), &len) == 0)
-      port = ntohs(addr.sin_port);
-  }
-  ~Listener() {
-    if (server) socket_unlisten(server);
-  }
-};
-
 // A raw client and the library socket that accepted it.
 struct Pair {
   int client;
   void* end = nullptr;
-  explicit Pair(const Listener& listener) : client(connect_raw(listener.port)) {
-    if (client >= 0) end = socket_accept(listener.server, kPatienceMs);
+  explicit Pair(const Listener& listener) : client(raw_connect(listener.port())) {
+    if (client >= 0) end = socket_accept(listener.get(), kPatienceMs);
   }
   ~Pair() {
     if (client >= 0) close(client);
@@ -108,8 +66,9 @@ void* entry_of(void* socket) {
 }
 
 // Records what a worker hands to one socket's callback and answers with
-// reply (on_deletion in the deletion call). A ready call in receive mode drains what waits without blocking, so
-// a call that finds nothing to read counts as stray.
+// reply (on_deletion in the deletion call; DESTROY at the end of the stream).
+// A ready call in receive mode drains what waits without blocking, so a call
+// that finds nothing to read counts as stray.
 struct Probe {
   std::atomic<int> reply{SOCKET_ASYNC_KEEP};
   int on_deletion = SOCKET_ASYNC_KEEP;
@@ -118,10 +77,12 @@ struct Probe {
   std::atomic<bool> registered{true};  // cleared by owners while they hold the socket unregistered
   std::atomic<int> while_unregistered{0};
   bool accept_mode = false;
+  bool echo = false;  // sends back what it read
   std::mutex m;
   std::vector<int> statuses;
 
-  void record(int status, void* socket) {
+  // True when the call found the end of the stream.
+  bool record(int status, void* socket) {
     {
       std::lock_guard<std::mutex> lock(m);
       statuses.push_back(status);
@@ -132,10 +93,14 @@ struct Probe {
       char buf[2048];
       ssize_t n = recv(socket_descriptor(socket), buf, sizeof buf, MSG_DONTWAIT);
       if (n > 0) bytes += n;
-      if (n == 0) ++eofs;
+      if (n > 0 && echo) socket_send2(socket, buf, (int)n, 0);
       if (n < 0) ++stray;
+      if (n == 0) ++eofs;
+      ++calls;
+      return n == 0;
     }
     ++calls;
+    return false;
   }
   std::vector<int> seen() {
     std::lock_guard<std::mutex> lock(m);
@@ -143,7 +108,7 @@ struct Probe {
   }
   static int callback(int status, void* socket, void* custom) {
     auto* probe = static_cast<Probe*>(custom);
-    probe->record(status, socket);
+    if (probe->record(status, socket)) return SOCKET_ASYNC_DESTROY;
     return status == ERR_ASYNC_WORKER_DELETED ? probe->on_deletion : probe->reply.load();
   }
 };
@@ -211,7 +176,7 @@ TEST_F(AsyncTest, RefusedCallsAndCapacity) {
       {"resume unregistered", ERR_ASYNC_NOT_ADDED, socket_async_worker_resume_recv(w.handle, other.end)},
       {"resume, wrong mode", ERR_ASYNC_BAD_MODE, socket_async_worker_resume_accept(w.handle, pair.end)},
       {"resume while armed", 0, socket_async_worker_resume_recv(w.handle, pair.end)},
-      {"no default acceptor", ERR_INVALID_PARAMETER, socket_async_accept_begin(listener.server, 0, cb, nullptr)},
+      {"no default acceptor", ERR_INVALID_PARAMETER, socket_async_accept_begin(listener.get(), 0, cb, nullptr)},
       {"no default receiver", ERR_INVALID_PARAMETER, socket_async_recv_begin(other.end, 0, cb, nullptr)},
       {"no default to leave", ERR_INVALID_PARAMETER, socket_async_recv_end(pair.end)},
   };
@@ -247,10 +212,10 @@ TEST_F(AsyncTest, ReturnValuesDecideWhatHappensToTheSocket) {
     probe.reply = c.reply;
     Worker w;
     ASSERT_EQ(0, w.add(pair.end, probe));
-    ASSERT_TRUE(send_text(pair.client, "one"));
+    ASSERT_TRUE(write_all(pair.client, "one"));
     ASSERT_TRUE(eventually([&] { return probe.calls == 1; }));
-    ASSERT_TRUE(send_text(pair.client, "two"));
-    EXPECT_EQ(c.called_again, eventually([&] { return probe.calls == 2; }, 300));
+    ASSERT_TRUE(write_all(pair.client, "two"));
+    EXPECT_EQ(c.called_again, eventually([&] { return probe.calls == 2; }, c.called_again ? kPatienceMs : 300));
     if (c.destroyed) {
       pair.end = nullptr;
       EXPECT_TRUE(sees_close(pair.client));
@@ -281,14 +246,14 @@ TEST_F(AsyncTest, StatusesForDataErrorsAndIdleSockets) {
 
   std::this_thread::sleep_for(600ms);
   EXPECT_EQ(0, idle_probe.calls.load()) << "idleness is only noticed in a pass with activity";
-  ASSERT_TRUE(send_text(busy.client, "wake"));
+  ASSERT_TRUE(write_all(busy.client, "wake"));
   ASSERT_TRUE(eventually([&] { return idle_probe.calls == 1 && busy_probe.calls == 1; }));
   EXPECT_EQ(std::vector<int>{ERR_SOCKET_TIMEOUT}, idle_probe.seen());
   EXPECT_EQ(std::vector<int>{0}, busy_probe.seen());
 
   // The limit stays passed, even when data arrives; a kept idle socket does
   // not hold up the ready socket behind it.
-  ASSERT_TRUE(send_text(idle.client, "late") && send_text(busy.client, "more"));
+  ASSERT_TRUE(write_all(idle.client, "late") && write_all(busy.client, "more"));
   ASSERT_TRUE(eventually([&] { return idle_probe.calls >= 2 && busy_probe.bytes == 8; }));
   EXPECT_EQ(ERR_SOCKET_TIMEOUT, idle_probe.seen()[1]);
 
@@ -325,9 +290,9 @@ TEST_F(AsyncTest, OnePassServesEveryReadySocketOnceInSlotOrder) {
   Worker w;
   for (auto [pair, tag] : {std::pair{&gate, "g"}, std::pair{&a, "a"}, std::pair{&b, "b"}, std::pair{&c, "c"}})
     ASSERT_EQ(0, socket_async_worker_add_recv(w.handle, pair->end, 0, callback, const_cast<char*>(tag)));
-  ASSERT_TRUE(send_text(gate.client, "g"));
+  ASSERT_TRUE(write_all(gate.client, "g"));
   gate_entered.get_future().wait();
-  for (Pair* p : {&a, &b, &c}) ASSERT_TRUE(send_text(p->client, "x"));
+  for (Pair* p : {&a, &b, &c}) ASSERT_TRUE(write_all(p->client, "x"));
   release.set_value();
   auto served = [&] {
     std::lock_guard<std::mutex> lock(order_mutex);
@@ -350,9 +315,9 @@ int echo(int status, void* socket, void*) {
 
 int accept_one(int status, void* server, void* accepted) {
   if (status != 0) return SOCKET_ASYNC_END;
+  ++*static_cast<std::atomic<int>*>(accepted);  // before the client can see its echo
   void* client = socket_accept(server, 0);
   if (client && socket_async_recv_begin(client, 0, echo, nullptr) != 0) socket_delete(client);
-  ++*static_cast<std::atomic<int>*>(accepted);
   return SOCKET_ASYNC_KEEP;
 }
 
@@ -365,18 +330,18 @@ TEST_F(AsyncTest, DefaultWorkersAcceptAndEcho) {
 
   Listener listener;
   std::atomic<int> accepted{0};
-  ASSERT_EQ(0, socket_async_accept_begin(listener.server, 0, accept_one, &accepted));
-  EXPECT_EQ(0, socket_async_accept_resume(listener.server));
-  int first = connect_raw(listener.port), second = connect_raw(listener.port);
-  ASSERT_TRUE(send_text(first, "hello") && send_text(second, "world"));
+  ASSERT_EQ(0, socket_async_accept_begin(listener.get(), 0, accept_one, &accepted));
+  EXPECT_EQ(0, socket_async_accept_resume(listener.get()));
+  int first = raw_connect(listener.port()), second = raw_connect(listener.port());
+  ASSERT_TRUE(write_all(first, "hello") && write_all(second, "world"));
   char reply[11] = {};
   EXPECT_EQ(5, recv(first, reply, 5, MSG_WAITALL));
   EXPECT_EQ(5, recv(second, reply + 5, 5, MSG_WAITALL));
   EXPECT_STREQ("helloworld", reply);
   EXPECT_EQ(2, accepted.load());
   close(first);  // its callback sees the end of the stream and destroys it
-  EXPECT_EQ(0, socket_async_accept_end(listener.server));
-  EXPECT_EQ(ERR_ASYNC_NOT_ADDED, socket_async_accept_end(listener.server));
+  EXPECT_EQ(0, socket_async_accept_end(listener.get()));
+  EXPECT_EQ(ERR_ASYNC_NOT_ADDED, socket_async_accept_end(listener.get()));
 
   EXPECT_EQ(0, socket_async_default_uninit());  // the second client is destroyed in its deletion call
   EXPECT_TRUE(!g_socket_async_default_acceptor && !g_socket_async_default_receiver);
@@ -394,13 +359,15 @@ TEST_F(AsyncTest, DeletionHandsEverySocketBackOnce) {
   kept_probe.on_deletion = SOCKET_ASYNC_END;
   listener_probe.accept_mode = true;
   listener_probe.on_deletion = SOCKET_ASYNC_DESTROY;
+  void* server = nullptr;
+  ASSERT_EQ(0, socket_listen(&server, "127.0.0.1:0"));
   {
     Worker w(8, -1);  // waits without limit: only the wake-up ends the wait
     ASSERT_EQ(0, w.add(armed.end, armed_probe));
     ASSERT_EQ(0, w.add(paused.end, paused_probe));
     ASSERT_EQ(0, w.add(kept.end, kept_probe));
-    ASSERT_EQ(0, socket_async_worker_add_accept(w.handle, listener.server, 0, Probe::callback, &listener_probe));
-    ASSERT_TRUE(send_text(paused.client, "p"));
+    ASSERT_EQ(0, socket_async_worker_add_accept(w.handle, server, 0, Probe::callback, &listener_probe));
+    ASSERT_TRUE(write_all(paused.client, "p"));
     ASSERT_TRUE(eventually([&] { return paused_probe.calls == 1; }));
     auto deleted = std::async(std::launch::async, [&] { w.stop(); });
     ASSERT_EQ(std::future_status::ready, deleted.wait_for(std::chrono::milliseconds(kPatienceMs)));
@@ -410,7 +377,7 @@ TEST_F(AsyncTest, DeletionHandsEverySocketBackOnce) {
   EXPECT_EQ((std::vector<int>{0, ERR_ASYNC_WORKER_DELETED}), paused_probe.seen());
   EXPECT_EQ(deletion, kept_probe.seen());
   EXPECT_EQ(deletion, listener_probe.seen());
-  armed.end = listener.server = nullptr;  // destroyed by the worker
+  armed.end = nullptr;  // destroyed by the worker, as was the listener
   EXPECT_TRUE(!entry_of(paused.end) && !entry_of(kept.end));
 
   // A worker that never had anything armed sleeps untimed; deletion wakes it.
@@ -435,7 +402,7 @@ int drive_clients(const std::vector<int>& fds, int messages, std::string* proble
   for (size_t i = 0; i < fds.size(); ++i) {
     epoll_event ev{EPOLLIN, {.u32 = (uint32_t)i}};
     epoll_ctl(poll_fd, EPOLL_CTL_ADD, fds[i], &ev);
-    send_text(fds[i], numbered((int)i, 0));
+    write_all(fds[i], numbered((int)i, 0));
   }
   int finished = 0;
   std::vector<epoll_event> events(256);
@@ -456,7 +423,7 @@ int drive_clients(const std::vector<int>& fds, int messages, std::string* proble
           ++finished;
           break;
         }
-        send_text(fds[i], numbered((int)i, next[i]));
+        write_all(fds[i], numbered((int)i, next[i]));
       }
     }
   }
@@ -471,34 +438,14 @@ struct Farm {
   std::atomic<int> refused{0};
 };
 
-// Echoes on the worker's own thread; a stray or failed call counts in the probe.
-int farm_echo(int status, void* socket, void* custom) {
-  auto* probe = static_cast<Probe*>(custom);
-  if (status != 0) {
-    probe->record(status, socket);
-    return SOCKET_ASYNC_DESTROY;
-  }
-  ++probe->calls;
-  char buf[2048];
-  ssize_t n = recv(socket_descriptor(socket), buf, sizeof buf, MSG_DONTWAIT);
-  if (n < 0) {
-    ++probe->stray;
-    return SOCKET_ASYNC_KEEP;
-  }
-  if (n == 0) {
-    ++probe->eofs;
-    return SOCKET_ASYNC_DESTROY;
-  }
-  probe->bytes += n;
-  return socket_send2(socket, buf, (int)n, 0) == 0 ? SOCKET_ASYNC_KEEP : SOCKET_ASYNC_DESTROY;
-}
-
 int farm_accept(int status, void* server, void* custom) {
   auto* farm = static_cast<Farm*>(custom);
-  if (status != 0) return SOCKET_ASYNC_DESTROY;
+  if (status != 0) return SOCKET_ASYNC_END;
   void* client = socket_accept(server, 0);
   farm->conns.push_back(std::make_unique<Probe>());
-  if (!client || socket_async_worker_add_recv(farm->worker, client, 0, farm_echo, farm->conns.back().get()) != 0) {
+  farm->conns.back()->echo = true;
+  if (!client ||
+      socket_async_worker_add_recv(farm->worker, client, 0, Probe::callback, farm->conns.back().get()) != 0) {
     ++farm->refused;
     if (client) socket_delete(client);
   } else if (socket_descriptor(client) > farm->highest_fd) {
@@ -517,10 +464,9 @@ TEST_F(AsyncTest, ThousandClientsOnOneWorkerGetEveryMessageOnceInOrder) {
   Farm farm;
   Listener listener;
   ASSERT_EQ(0, socket_async_worker_create(&farm.worker, "echo farm", 1024, 0, 100));
-  ASSERT_EQ(0, socket_async_worker_add_accept(farm.worker, listener.server, 0, farm_accept, &farm));
-  listener.server = nullptr;  // the worker unlistens it on deletion
+  ASSERT_EQ(0, socket_async_worker_add_accept(farm.worker, listener.get(), 0, farm_accept, &farm));
   std::vector<int> fds;
-  for (int i = 0; i < clients; ++i) fds.push_back(connect_raw(listener.port));
+  for (int i = 0; i < clients; ++i) fds.push_back(raw_connect(listener.port()));
   std::string problem;
   EXPECT_EQ(clients, drive_clients(fds, messages, &problem)) << problem;
   for (int fd : fds) close(fd);
@@ -532,7 +478,8 @@ TEST_F(AsyncTest, ThousandClientsOnOneWorkerGetEveryMessageOnceInOrder) {
   ASSERT_EQ((size_t)clients, farm.conns.size());
   int faulty = 0;
   for (const auto& conn : farm.conns)
-    faulty += conn->eofs != 1 || conn->stray != 0 || !conn->seen().empty() ||
+    faulty += conn->eofs != 1 || conn->stray != 0 ||
+              std::count(conn->statuses.begin(), conn->statuses.end(), 0) != conn->calls ||
               conn->bytes != (long long)numbered(0, 0).size() * messages || conn->calls > messages + 1;
   EXPECT_EQ(0, faulty) << "connections with a lost, repeated or stray callback";
 }
@@ -561,7 +508,7 @@ TEST_F(AsyncTest, OtherThreadsAddRemoveAndResumeWhileTheWorkerDispatches) {
         probes[i].reply = r % 2 ? SOCKET_ASYNC_PAUSE : SOCKET_ASYNC_KEEP;
         probes[i].registered = true;
         wrong += w.add(end, probes[i]) != 0;
-        send_text(pairs[i]->client, "x");
+        write_all(pairs[i]->client, "x");
         wrong += socket_async_worker_resume_recv(w.handle, end) != 0;
         if (r % 3) std::this_thread::yield();
         wrong += socket_async_worker_remove_recv(w.handle, end) != 0;
@@ -630,7 +577,7 @@ TEST_F(AsyncTest, CallbacksChangeRegistrationsFromInsideTheirPass) {
   for (long long r = 1; r <= rounds; ++r) {
     // Wakes the sockets that paused after their last data all at once.
     for (auto& m : members) socket_async_worker_resume_recv(w.handle, m.socket);
-    for (auto& p : pairs) send_text(p->client, "ab");
+    for (auto& p : pairs) write_all(p->client, "ab");
     auto all_in = [&] {
       long long got = 0;
       for (auto& m : members) got += m.probe.bytes;
