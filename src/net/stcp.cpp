@@ -119,9 +119,13 @@ int recv_all(ABSTRACT_SOCKET* s, unsigned char* data, int length, int timeout, c
   const int flags = timeout > 0 ? MSG_DONTWAIT : 0;
   int received = 0;
   while (received < length) {
-    const ssize_t n = recv(s->s, data + received, (size_t)std::min(length - received, kMaxIoChunk), flags);
+    const int chunk = std::min(length - received, kMaxIoChunk);
+    const ssize_t n = recv(s->s, data + received, (size_t)chunk, flags);
     if (n > 0) {
       received += (int)n;
+      // Short while not blocking: the queue is empty, wait before asking again.
+      if (n < chunk && timeout > 0 && received < length)
+        if (int rc = await(s, false, deadline)) return rc;
     } else if (n == 0) {
       return stream_error(s, ERR_SOCKET_CLOSED, ERR_SOCKET_CLOSED);
     } else if (errno == EINTR) {

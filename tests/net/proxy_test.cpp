@@ -19,42 +19,6 @@ using namespace nettest;
 
 constexpr const char* kGreeting = "hello from target\n";
 
-// The far end of every tunnel: greets first (so a handshake that read past
-// the proxy's reply would swallow it), then echoes.
-class GreetingTarget {
- public:
-  GreetingTarget() : thread_([this] { run(); }) {}
-  ~GreetingTarget() {
-    stop_ = true;
-    thread_.join();
-  }
-  int port() const { return listener_.port(); }
-  std::string addr() const { return listener_.addr(); }
-
- private:
-  void run() {
-    while (!stop_) {
-      int fd = listener_.accept_fd(50);
-      if (fd < 0) continue;
-      write_all(fd, kGreeting);
-      char buf[4096];
-      for (;;) {
-        pollfd p{fd, POLLIN, 0};
-        if (poll(&p, 1, 50) == 0) {
-          if (stop_) break;
-          continue;
-        }
-        ssize_t n = recv(fd, buf, sizeof buf, 0);
-        if (n <= 0 || !write_all(fd, buf, static_cast<size_t>(n))) break;
-      }
-      close(fd);
-    }
-  }
-  RawListener listener_;
-  std::atomic<bool> stop_{false};
-  std::thread thread_;
-};
-
 // A fake proxy: answers every client with a canned reply, then holds the
 // connection until the client gives up (or closes it at once).
 class FakeProxy {
@@ -126,7 +90,7 @@ class ProxyTest : public vektest::LeakCheckedTest {
   // Runs each case; a tunnel that opens must carry the greeting and an echo.
   void run_cases(const std::string& proxy_addr, const std::vector<Tunnel>& cases) {
     for (const Tunnel& c : cases) {
-      SCOPED_TRACE(c.what);
+      SCOPED_TRACE(std::string(c.what) + " via " + proxy_addr + " to " + c.target);
       std::string addr = proxy_addr;
       SOCKET_PROXY_INFO info{c.type, addr.data(), const_cast<char*>(c.user), const_cast<char*>(c.pass)};
       Sock s;
@@ -148,8 +112,8 @@ class ProxyTest : public vektest::LeakCheckedTest {
   }
 
   vektest::TempDir dir_;
-  GreetingTarget target_;
-  GreetingTarget forbidden_;  // a second target on a port the proxies refuse
+  EchoServer target_{kGreeting};
+  EchoServer forbidden_{kGreeting};  // a second target on a port the proxies refuse
 
  private:
   std::vector<std::unique_ptr<vektest::PeerProcess>> proxies_;
