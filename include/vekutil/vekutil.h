@@ -29,6 +29,7 @@
 #include <vekutil/convert.h>
 #include <vekutil/blob.h>
 #include <vekutil/bool.h>
+#include <vekutil/ptree.h>
 #include <vekutil/btree.h>
 #include <vekutil/list.h>
 #include <vekutil/instrument.h>
