@@ -47,5 +47,6 @@
 #include <vekutil/stcp.h>
 #include <vekutil/udp.h>
 #include <vekutil/ssl.h>
+#include <vekutil/http.h>
 
 #endif
