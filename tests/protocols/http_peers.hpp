@@ -43,7 +43,12 @@ struct TestPki {
   std::string ca, server_cert, server_key, client_packed;
 
  private:
-  static bool run(const std::vector<std::string>& argv) { return vektest::run_program(argv) == 0; }
+  // Runs the openssl command with its chatter on standard error discarded.
+  static bool run(const std::vector<std::string>& argv) {
+    std::vector<std::string> quiet = {"sh", "-c", "exec \"$0\" \"$@\" 2>/dev/null"};
+    quiet.insert(quiet.end(), argv.begin(), argv.end());
+    return vektest::run_program(quiet) == 0;
+  }
   bool issue(const std::string& subject, const std::string& key, const std::string& cert, const std::string& ca_key,
              const std::string& ext) {
     const std::string csr = cert + ".csr";
@@ -214,7 +219,8 @@ class NginxPeer {
     vektest::write_file(conf, "daemon off;\nmaster_process off;\npid " + dir.file("nginx.pid") +
                                   ";\nerror_log " + dir.file("nginx-error.log") +
                                   " warn;\nevents { worker_connections 256; }\nhttp {\n"
-                                  "  access_log " + dir.file("access.log") + ";\n"
+                                  "  log_format sni '$remote_addr \"$request\" $status sni=$ssl_server_name';\n"
+                                  "  access_log " + dir.file("access.log") + " sni;\n"
                                   "  client_body_temp_path " + dir.path() + ";\n"
                                   "  proxy_temp_path " + dir.path() + ";\n"
                                   "  fastcgi_temp_path " + dir.path() + ";\n"
