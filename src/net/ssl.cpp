@@ -143,11 +143,12 @@ int wait_readable(ABSTRACT_SOCKET* sock, SSL* ssl, int timeout) {
   return r == 0 ? ERR_SOCKET_TIMEOUT : ERR_SOCKET_FAILED;
 }
 
-// SSL_read gave ret <= 0: the peer's close (end of stream or close-notify)
-// or a TLS failure.
+// SSL_read gave ret <= 0: the peer's close (end of stream, close-notify, or
+// a fatal alert, which also ends the peer's side) or a TLS failure. An
+// alert's reason is kept for ssl_error all the same.
 int read_failed(ABSTRACT_SOCKET* sock, _SSLO* st, int ret) {
   if (ret == 0 || (SSL_get_shutdown(st->ssl) & SSL_RECEIVED_SHUTDOWN)) {
-    ERR_clear_error();
+    if (ERR_peek_error() != 0) keep_connection_error(st, ret);
     sock->err = ERR_SOCKET_CLOSED;
     return ERR_SOCKET_CLOSED;
   }
@@ -175,14 +176,14 @@ bool usable(ABSTRACT_SOCKET* sock, _SSLO*& st, int timeout, int* result) {
 int handshake(void* handle, void* ctx, bool client) {
   ABSTRACT_SOCKET* sock = as_socket(handle);
   if (!sock) return ERR_INVALID_HANDLE;
+  // Descriptor 0 is "not open" to the socket layer: TLS on it would talk to
+  // standard input, and closing would never release the state.
+  if (sock->s <= 0) return ERR_SOCKET_NOT_OPEN;
   const int morphed = _ssl_morph(sock);
   if (morphed != 0) return morphed;
   _SSLO* st = tls_state(sock);
   if (!st) return ERR_INVALID_HANDLE;
   if (!ctx) return ERR_SSL_NO_CONTEXT;
-  // Descriptor 0 is "not open" to the socket layer; TLS on it would talk to
-  // standard input.
-  if (sock->s <= 0) return ERR_SOCKET_NOT_OPEN;
   ERR_clear_error();
   st->ssl = SSL_new(as_ctx(ctx)->ctx);
   if (!st->ssl) {
