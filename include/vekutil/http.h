@@ -142,6 +142,12 @@ VEK_API int http_datalength_known(HTTP_REQUEST* request, HTTP_RESPONSE* response
 VEK_API int http_chunk_transfer_encoding(HTTP_REQUEST* request, HTTP_RESPONSE* response, void* socket);
 VEK_API int http_unknown_encoding(HTTP_REQUEST* request, HTTP_RESPONSE* response, void* socket);
 
+/* The reading half of http_client on a socket whose request has been sent:
+ * empties the response, reads and parses the header (with the time-out
+ * rule of http_client) and reads the body as http_client would. There is
+ * no 307 repeat; the socket stays open. */
+VEK_API int _http_read_response(HTTP_REQUEST* request, HTTP_RESPONSE* response, void* socket);
+
 VEK_END_DECLS
 
 #endif

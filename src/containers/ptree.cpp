@@ -9,7 +9,10 @@
 // to collide in one process do not collide in another tree.
 #include <vekutil/ptree.h>
 
+#include "containers/ptree.internal.hpp"
+
 #include <atomic>
+#include <algorithm>
 #include <climits>
 #include <cstdint>
 #include <cstring>
@@ -24,6 +27,7 @@ constexpr int kFirstCapacity = 8;
 
 struct Entry {
   char* block;  // name, terminator, value, terminator
+  size_t block_size;  // bytes allocated for block
   int key_len;
   unsigned hash;
   int next;  // next entry in the same bucket, or kNoEntry
@@ -79,9 +83,10 @@ int find_index(const PTree* t, const char* key, size_t len, unsigned hash) {
 }
 
 // A new "name\0value\0" block.
-char* make_block(const char* key, size_t key_len, const char* value, int line) {
+char* make_block(const char* key, size_t key_len, const char* value, int line, size_t* size) {
   const size_t value_len = std::strlen(value);
-  auto* block = static_cast<char*>(_vekMalloc(key_len + value_len + 2, kSource, line));
+  *size = key_len + value_len + 2;
+  auto* block = static_cast<char*>(_vekMalloc(*size, kSource, line));
   if (!block) return nullptr;
   std::memcpy(block, key, key_len);
   block[key_len] = '\0';
@@ -150,20 +155,24 @@ int ptree_insert(void* handle, const char* key, const char* value) {
   const int existing = find_index(t, key, key_len, hash);
   if (existing != kNoEntry) {
     Entry& e = t->entries[existing];
-    char* block = make_block(e.key(), static_cast<size_t>(e.key_len), value, __LINE__);
+    size_t size = 0;
+    char* block = make_block(e.key(), static_cast<size_t>(e.key_len), value, __LINE__, &size);
     if (!block) return ERR_NO_MEMORY;
     _vekFree(e.block, kSource, __LINE__);
     e.block = block;
+    e.block_size = size;
     return 0;
   }
   if (t->count == t->capacity) {
     const int rc = grow(t);
     if (rc != 0) return rc;
   }
-  char* block = make_block(key, key_len, value, __LINE__);
+  size_t size = 0;
+  char* block = make_block(key, key_len, value, __LINE__, &size);
   if (!block) return ERR_NO_MEMORY;
   Entry& e = t->entries[t->count];
   e.block = block;
+  e.block_size = size;
   e.key_len = static_cast<int>(key_len);
   e.hash = hash;
   int& head = t->buckets[bucket_of(t, hash)];
@@ -197,3 +206,29 @@ int ptree_count(void* handle) {
 }
 
 }  // extern "C"
+
+int ptree_append_value(void* handle, const char* key, const char* value, const char* separator) {
+  auto* t = static_cast<PTree*>(handle);
+  if (!t) return ERR_INVALID_HANDLE;
+  if (!key || !*key || !value || !separator) return ERR_INVALID_PARAMETER;
+  const size_t key_len = std::strlen(key);
+  const int existing = find_index(t, key, key_len, name_hash(key, key_len, t->seed));
+  if (existing == kNoEntry) return ptree_insert(handle, key, value);
+  Entry& e = t->entries[existing];
+  const size_t used = static_cast<size_t>(e.key_len) + 1 + std::strlen(e.value()) + 1;
+  const size_t sep_len = std::strlen(separator), value_len = std::strlen(value);
+  const size_t needed = used + sep_len + value_len;
+  if (needed > static_cast<size_t>(INT_MAX)) return ERR_NO_MEMORY;
+  if (needed > e.block_size) {
+    // Doubling keeps a value built from many pieces linear in its length.
+    const size_t size = std::max(needed, std::min<size_t>(2 * e.block_size, INT_MAX));
+    void* grown = _vekRealloc(e.block, size, kSource, __LINE__);
+    if (!grown) return ERR_NO_MEMORY;
+    e.block = static_cast<char*>(grown);
+    e.block_size = size;
+  }
+  char* end = e.block + used - 1;  // the value's terminator
+  std::memcpy(end, separator, sep_len);
+  std::memcpy(end + sep_len, value, value_len + 1);
+  return 0;
+}

@@ -29,6 +29,7 @@
 #include <vekutil/strutil.h>
 #include <vekutil/timeutil.h>
 
+#include "containers/ptree.internal.hpp"
 #include "core/internal.hpp"
 
 namespace {
@@ -397,20 +398,6 @@ int read_response_header(Reader& reader, void* blob) {
   }
 }
 
-// The response header, parsed. content_length stays -1 without a valid one.
-int insert_header(void* properties, const char* name, const char* value) {
-  const char* existing = ptree_find_by_key(properties, name);
-  if (!existing) return ptree_insert(properties, name, value);
-  const size_t a = std::strlen(existing), b = std::strlen(value);
-  Text joined;
-  joined.p = static_cast<char*>(_vekMalloc(a + b + 3, kSource, __LINE__));
-  if (!joined.p) return ERR_NO_MEMORY;
-  std::memcpy(joined.p, existing, a);
-  std::memcpy(joined.p + a, ", ", 2);
-  std::memcpy(joined.p + a + 2, value, b + 1);
-  return ptree_insert(properties, name, joined.p);
-}
-
 int parse_status(const char* line, size_t len) {
   char digits[16] = {};
   if (len > 9) std::memcpy(digits, line + 9, std::min(len - 9, sizeof digits - 1));
@@ -419,6 +406,8 @@ int parse_status(const char* line, size_t len) {
   return status;
 }
 
+// The response header, parsed. content_length stays -1 without a valid one.
+// Repeated names are joined into one value with ", ".
 int parse_response_header(HTTP_RESPONSE* response, const char* header, int header_len, long long* content_length) {
   *content_length = -1;
   if (header_len < 8) return ERR_HTTP_BAD_RESPONSE;
@@ -454,7 +443,7 @@ int parse_response_header(HTTP_RESPONSE* response, const char* header, int heade
       const size_t name_len = static_cast<size_t>(colon - p);
       line.p[name_len] = '\0';
       const char* value = line.p + std::min(name_len + 2, len);  // the value starts two characters after the colon
-      const int rc = insert_header(response->properties, line.p, value);
+      const int rc = ptree_append_value(response->properties, line.p, value, ", ");
       if (rc != 0) return rc;
       long long length = 0;
       if (std::strcmp(line.p, "Content-Length") == 0 && convert_to_ll(&length, value, nullptr, 10) == 0 &&
@@ -730,8 +719,25 @@ int reset_response(HTTP_RESPONSE* response) {
   return 0;
 }
 
-// One request and its reply up to the end of the header; the reader is left
-// at the start of the body.
+// Reads and parses the response header; the reader is left at the start of
+// the body.
+int read_header(HTTP_RESPONSE* response, Reader& reader, void* blob, long long* content_length) {
+  int rc = read_response_header(reader, blob);
+  if (rc != 0) return rc;
+  return parse_response_header(response, static_cast<const char*>(blob_get_buffer(blob)), blob_get_length(blob),
+                               content_length);
+}
+
+// Chooses the body reader: by length (HTTP/1.1 with a length), by chunks
+// (HTTP/1.1 chunked), else up to the peer's close.
+int read_body(HTTP_REQUEST* request, HTTP_RESPONSE* response, Reader& reader, long long content_length) {
+  const bool http11 = response->options & HTTP_RESPONSE_HTTP11;
+  if (http11 && content_length > 0) return read_known(request, response, reader, content_length);
+  if (http11 && (response->options & HTTP_RESPONSE_CHUNKED)) return read_chunked(request, response, reader);
+  return read_unknown(request, response, reader);
+}
+
+// One request and its reply up to the end of the header.
 int exchange_header(HTTP_REQUEST* request, HTTP_RESPONSE* response, Socket& socket, Reader& reader,
                     long long* content_length) {
   Blob header;
@@ -741,10 +747,7 @@ int exchange_header(HTTP_REQUEST* request, HTTP_RESPONSE* response, Socket& sock
   if (rc != 0) return rc;
   blob_clear(header.h);
   reader.attach(socket.h);
-  rc = read_response_header(reader, header.h);
-  if (rc != 0) return rc;
-  return parse_response_header(response, static_cast<const char*>(blob_get_buffer(header.h)),
-                               blob_get_length(header.h), content_length);
+  return read_header(response, reader, header.h, content_length);
 }
 
 }  // namespace
@@ -914,6 +917,19 @@ int http_unknown_encoding(HTTP_REQUEST* request, HTTP_RESPONSE* response, void* 
   return read_unknown(request, response, reader);
 }
 
+int _http_read_response(HTTP_REQUEST* request, HTTP_RESPONSE* response, void* socket) {
+  if (!request || !response) return ERR_INVALID_PARAMETER;
+  int rc = reset_response(response);
+  if (rc != 0) return rc;
+  Blob header;
+  rc = blob_create(&header.h, kHeaderBlobSize);
+  if (rc != 0) return rc;
+  Reader reader(socket, request->timeout);
+  long long content_length = -1;
+  rc = read_header(response, reader, header.h, &content_length);
+  return rc != 0 ? rc : read_body(request, response, reader, content_length);
+}
+
 int http_client(HTTP_REQUEST* request, HTTP_RESPONSE* response) {
   if (!request || !response) return ERR_INVALID_PARAMETER;
   Reader reader(nullptr, request->timeout);
@@ -924,15 +940,7 @@ int http_client(HTTP_REQUEST* request, HTTP_RESPONSE* response) {
     long long content_length = -1;
     rc = exchange_header(request, response, socket, reader, &content_length);
     if (rc == 0 && response->status == 307 && !repeated) continue;  // once, to the request's own URL again
-    if (rc == 0) {
-      const bool http11 = response->options & HTTP_RESPONSE_HTTP11;
-      if (http11 && content_length > 0)
-        rc = read_known(request, response, reader, content_length);
-      else if (http11 && (response->options & HTTP_RESPONSE_CHUNKED))
-        rc = read_chunked(request, response, reader);
-      else
-        rc = read_unknown(request, response, reader);
-    }
+    if (rc == 0) rc = read_body(request, response, reader, content_length);
     if (socket.h) socket_close(socket.h);
     return rc;
   }
