@@ -438,11 +438,18 @@ int parse_response_header(HTTP_RESPONSE* response, const char* header, int heade
     const char* colon = static_cast<const char*>(std::memchr(p, ':', len));
     if (colon && colon != p) {
       vek::release(line.p, kSource, __LINE__);
-      line.p = clone_string(p, static_cast<int>(len));
+      line.p = static_cast<char*>(_vekMalloc(len + 1, kSource, __LINE__));
       if (!line.p) return ERR_NO_MEMORY;
+      std::memcpy(line.p, p, len);
+      line.p[len] = '\0';
       const size_t name_len = static_cast<size_t>(colon - p);
       line.p[name_len] = '\0';
       const char* value = line.p + std::min(name_len + 2, len);  // the value starts two characters after the colon
+      // A name that holds a NUL byte would stand for another name: skipped.
+      if (std::strlen(line.p) != name_len) {
+        p = next;
+        continue;
+      }
       const int rc = ptree_append_value(response->properties, line.p, value, ", ");
       if (rc != 0) return rc;
       long long length = 0;
@@ -524,7 +531,10 @@ class Body {
  private:
   bool resize(long long want, long long at_least) {
     if (want < at_least) return false;
-    void* grown = _vekRealloc(buf_, static_cast<size_t>(want), kSource, __LINE__);
+    // A first block comes from malloc: a realloc of nothing is not counted
+    // as a block in the default allocation mode.
+    void* grown = buf_ ? _vekRealloc(buf_, static_cast<size_t>(want), kSource, __LINE__)
+                       : _vekMalloc(static_cast<size_t>(want), kSource, __LINE__);
     if (!grown) return false;
     buf_ = static_cast<char*>(grown);
     size_ = want;
