@@ -20,6 +20,8 @@
 #include <mutex>
 
 #include <arpa/inet.h>
+#include <fcntl.h>
+#include <unistd.h>
 
 #include <vekutil/base64.h>
 #include <vekutil/blob.h>
@@ -37,7 +39,7 @@ namespace {
 constexpr const char* kSource = "src/http.c";
 constexpr int kHeaderBlobSize = 256;
 constexpr int kUploadPiece = 8192;
-constexpr int kFilePiece = 16384;
+constexpr int kFileSpool = 256 * 1024;
 constexpr int kSizeLineMax = 512;
 constexpr int kReadAhead = 16384;
 constexpr int kAddressMax = 128;
@@ -70,23 +72,6 @@ struct Socket {
 struct Text {
   char* p = nullptr;
   ~Text() { vek::release(p, kSource, __LINE__); }
-};
-
-// A stdio stream whose close is checked: a failed flush loses data.
-struct File {
-  FILE* f = nullptr;
-  ~File() {
-    if (f) std::fclose(f);
-  }
-  int close() {
-    FILE* g = f;
-    f = nullptr;
-    if (std::fclose(g) != 0) {
-      log_vek_error("http_client(): fclose failed[%d]\n", errno);
-      return ERR_FILE_WRITE;
-    }
-    return 0;
-  }
 };
 
 // ---- URL --------------------------------------------------------------------
@@ -252,8 +237,12 @@ int connect_socket(HTTP_REQUEST* request, void* socket, const Url& url) {
 }
 
 int send_file_chunked(void* socket, const char* path) {
-  File in;
-  in.f = std::fopen(path, "rb");
+  struct Input {
+    FILE* f;
+    ~Input() {
+      if (f) std::fclose(f);
+    }
+  } in{std::fopen(path, "rb")};
   if (!in.f) {
     log_vek_error("http_put(%s): fopen failed[%d]\n", path, errno);
     return ERR_FILE_OPEN;
@@ -467,58 +456,38 @@ int parse_response_header(HTTP_RESPONSE* response, const char* header, int heade
 }
 
 // ---- bodies ------------------------------------------------------------------------
+//
+// A body flows from the reader into a sink: memory that grows with what
+// arrives, or a file written in large pieces. Three loops (by length, by
+// chunks, up to the close) drive either sink.
 
 bool body_into_file(const HTTP_REQUEST* request, const HTTP_RESPONSE* response) {
   return request->file && request->method == HTTP_METHOD_GET && response->status < 400;
 }
 
-// A download file: from the start, or appended to at offset for a resume.
-FILE* open_download(const HTTP_REQUEST* request) {
-  FILE* f = std::fopen(request->file, request->offset ? "ab" : "wb");
-  if (!f) {
-    log_vek_error("http_client(%s): fopen failed[%d]\n", request->file, errno);
-    return nullptr;
-  }
-  if (request->offset && std::fseek(f, request->offset, SEEK_SET) != 0) {
-    log_vek_error("http_client(%s): fseek failed[%d]\n", request->file, errno);
-    std::fclose(f);
-    return nullptr;
-  }
-  return f;
-}
-
-int write_piece(FILE* f, const char* data, int len, const char* path) {
-  if (std::fwrite(data, 1, static_cast<size_t>(len), f) == static_cast<size_t>(len)) return 0;
-  log_vek_error("http_client(%s): fwrite failed[%d]\n", path, errno);
-  return ERR_FILE_WRITE;
-}
-
 // A body collected in memory; handed over to response->data at the end.
-class Body {
+// Memory grows with what arrives, never ahead of it to what the peer
+// announced: a reply claiming 2 GB and sending 10 bytes costs 10 bytes.
+class MemorySink {
  public:
-  ~Body() { vek::release(buf_, kSource, __LINE__); }
-  // Room for at least one more byte plus the terminator, growing by
-  // doubling but never beyond cap bytes in all.
-  bool reserve(long long cap) {
-    if (len_ + 1 < size_) return true;
-    return resize(std::min<long long>(std::max<long long>(2 * size_, 4096), cap), len_ + 2);
+  explicit MemorySink(long long cap = LLONG_MAX) : cap_(cap) {}
+  ~MemorySink() { vek::release(buf_, kSource, __LINE__); }
+
+  // Room for at least one more byte plus the terminator.
+  int space(char** at, int* room) {
+    if (len_ + 1 >= size_ &&
+        !resize(std::min<long long>(std::max<long long>(2 * size_, 4096), cap_), len_ + 2))
+      return ERR_FILE_WRITE;
+    *at = buf_ + len_;
+    *room = static_cast<int>(std::min<long long>(size_ - len_ - 1, INT_MAX));
+    return 0;
   }
-  char* tail() const { return buf_ + len_; }
-  int room() const { return static_cast<int>(std::min<long long>(size_ - len_ - 1, INT_MAX)); }
-  void grew(int n) { len_ += n; }
-  bool append(const char* data, int n) {
-    while (n > 0) {
-      if (!reserve(LLONG_MAX)) return false;
-      const int step = std::min(n, room());
-      std::memcpy(tail(), data, static_cast<size_t>(step));
-      len_ += step;
-      data += step;
-      n -= step;
-    }
-    return true;
+  int commit(int n) {
+    len_ += n;
+    return 0;
   }
   // Moves the bytes, NUL-terminated, into response->data.
-  int hand_over(HTTP_RESPONSE* response) {
+  int finish(HTTP_RESPONSE* response) {
     if (len_ + 1 > size_ && !resize(len_ + 1, len_ + 1)) return ERR_FILE_WRITE;
     buf_[len_] = '\0';
     vek::release(response->data, kSource, __LINE__);
@@ -530,7 +499,7 @@ class Body {
 
  private:
   bool resize(long long want, long long at_least) {
-    if (want < at_least) return false;
+    if (want < at_least || want > INT_MAX) return false;
     // A first block comes from malloc: a realloc of nothing is not counted
     // as a block in the default allocation mode.
     void* grown = buf_ ? _vekRealloc(buf_, static_cast<size_t>(want), kSource, __LINE__)
@@ -541,57 +510,106 @@ class Body {
     return true;
   }
 
+  long long cap_;
   char* buf_ = nullptr;
   long long size_ = 0;
   long long len_ = 0;
 };
 
-// Streams up to length bytes (-1: until the peer stops) into f.
-int copy_to_file(Reader& reader, FILE* f, long long length, const char* path, char* piece) {
+// A download file written in pieces of kFileSpool bytes: a few large
+// writes instead of one per receive. Whatever arrived is written before
+// the sink reports, also when the body ends early.
+class FileSink {
+ public:
+  explicit FileSink(const char* path) : path_(path) {}
+  ~FileSink() {
+    if (fd_ >= 0) ::close(fd_);
+    vek::release(spool_, kSource, __LINE__);
+  }
+
+  // "wb", or "ab" and a seek to offset (the seek only matters for reading
+  // back: appended data always lands at the end). ERR_FILE_OPEN or
+  // ERR_FILE_SEEK after logging; the caller picks its own code.
+  int open(int offset) {
+    spool_ = static_cast<char*>(_vekMalloc(kFileSpool, kSource, __LINE__));
+    if (!spool_) return ERR_NO_MEMORY;
+    const int flags = O_WRONLY | O_CREAT | O_CLOEXEC | (offset ? O_APPEND : O_TRUNC);
+    fd_ = ::open(path_, flags, 0666);
+    if (fd_ < 0) {
+      log_vek_error("http_client(%s): open failed[%d]\n", path_, errno);
+      return ERR_FILE_OPEN;
+    }
+    if (offset && lseek(fd_, offset, SEEK_SET) < 0) {
+      log_vek_error("http_client(%s): lseek failed[%d]\n", path_, errno);
+      return ERR_FILE_SEEK;
+    }
+    return 0;
+  }
+  int space(char** at, int* room) {
+    if (len_ == kFileSpool) {
+      const int rc = flush();
+      if (rc != 0) return rc;
+    }
+    *at = spool_ + len_;
+    *room = kFileSpool - len_;
+    return 0;
+  }
+  int commit(int n) {
+    len_ += n;
+    return 0;
+  }
+  // Writes what is left and closes; a failed close can lose data too.
+  int finish() {
+    int rc = flush();
+    if (::close(fd_) != 0 && rc == 0) {
+      log_vek_error("http_client(%s): close failed[%d]\n", path_, errno);
+      rc = ERR_FILE_WRITE;
+    }
+    fd_ = -1;
+    return rc;
+  }
+
+ private:
+  int flush() {
+    for (int done = 0; done < len_;) {
+      const ssize_t n = ::write(fd_, spool_ + done, static_cast<size_t>(len_ - done));
+      if (n < 0 && errno == EINTR) continue;
+      if (n <= 0) {
+        log_vek_error("http_client(%s): write failed[%d]\n", path_, errno);
+        return ERR_FILE_WRITE;
+      }
+      done += static_cast<int>(n);
+    }
+    len_ = 0;
+    return 0;
+  }
+
+  const char* path_;
+  int fd_ = -1;
+  char* spool_ = nullptr;
+  int len_ = 0;
+};
+
+// Moves up to length bytes (-1: until a receive fails) into the sink.
+template <class Sink>
+int copy_body(Reader& reader, Sink& sink, long long length) {
   while (length != 0) {
-    const int want = length < 0 ? kFilePiece : static_cast<int>(std::min<long long>(length, kFilePiece));
+    char* at = nullptr;
+    int room = 0;
+    int rc = sink.space(&at, &room);
+    if (rc != 0) return rc;
+    if (length > 0) room = static_cast<int>(std::min<long long>(room, length));
     int got = 0;
-    int rc = reader.read_some(piece, want, &got);
+    rc = reader.read_some(at, room, &got);
     if (rc != 0) return rc;
-    rc = write_piece(f, piece, got, path);
-    if (rc != 0) return rc;
+    sink.commit(got);
     if (length > 0) length -= got;
   }
   return 0;
 }
 
-int known_length_into_file(HTTP_REQUEST* request, Reader& reader, long long length) {
-  File out;
-  out.f = open_download(request);
-  if (!out.f) return ERR_FILE_OPEN;
-  auto* piece = static_cast<char*>(_vekMalloc(kFilePiece, kSource, __LINE__));
-  if (!piece) return ERR_NO_MEMORY;
-  int rc = copy_to_file(reader, out.f, length, request->file, piece);
-  _vekFree(piece, kSource, __LINE__);
-  const int close_rc = out.close();
-  return rc != 0 ? rc : close_rc;
-}
-
-// Memory grows with what arrives, never ahead of it to what the peer
-// announced: a reply claiming 2 GB and sending 10 bytes costs 10 bytes.
-int known_length_into_memory(HTTP_RESPONSE* response, Reader& reader, long long length) {
-  if (length >= INT_MAX) return ERR_FILE_WRITE;
-  Body body;
-  int rc = 0;
-  for (long long left = length; left > 0;) {
-    if (!body.reserve(length + 1)) return ERR_FILE_WRITE;
-    int got = 0;
-    rc = reader.read_some(body.tail(), static_cast<int>(std::min<long long>(body.room(), left)), &got);
-    if (rc != 0) break;
-    body.grew(got);
-    left -= got;
-  }
-  const int take_rc = body.hand_over(response);
-  return rc != 0 ? rc : take_rc;
-}
-
-// Reads a chunk-size line. *size is -1 when the line is not a hexadecimal
-// size (which ends the body).
+// Reads a chunk-size line up to its CR and the LF behind it. *size is -1
+// when the line is not a hexadecimal size (which ends the body).
 int read_size_line(Reader& reader, long long* size) {
   char line[kSizeLineMax];
   int n = 0;
@@ -611,106 +629,68 @@ int read_size_line(Reader& reader, long long* size) {
   return 0;
 }
 
-// Reads the CRLF that closes a chunk's data. false when it is missing.
-int read_chunk_end(Reader& reader, bool* well_formed) {
-  char crlf[2];
-  const int rc = reader.read_exact(crlf, 2);
-  *well_formed = rc == 0 && crlf[0] == '\r' && crlf[1] == '\n';
-  return rc;
-}
-
-// Walks the chunks, handing each piece of data to sink(data, len). A size
-// of 0, or a line that is not a size, ends the body.
+// Walks the chunks into the sink. A size of 0, a line that is not a size,
+// or a chunk not closed by CRLF ends the body.
 template <class Sink>
-int read_chunks(Reader& reader, char* piece, int piece_size, Sink&& sink) {
+int copy_chunks(Reader& reader, Sink& sink) {
   for (;;) {
     long long size = 0;
     int rc = read_size_line(reader, &size);
     if (rc != 0) return rc;
     if (size <= 0) return 0;
-    while (size > 0) {
-      int got = 0;
-      rc = reader.read_some(piece, static_cast<int>(std::min<long long>(size, piece_size)), &got);
-      if (rc != 0) return rc;
-      rc = sink(piece, got);
-      if (rc != 0) return rc;
-      size -= got;
-    }
-    bool well_formed = false;
-    rc = read_chunk_end(reader, &well_formed);
+    rc = copy_body(reader, sink, size);
     if (rc != 0) return rc;
-    if (!well_formed) return 0;
+    char crlf[2];
+    rc = reader.read_exact(crlf, 2);
+    if (rc != 0) return rc;
+    if (crlf[0] != '\r' || crlf[1] != '\n') return 0;
   }
 }
 
-int chunked_into_memory(HTTP_RESPONSE* response, Reader& reader) {
-  Body body;
-  auto* piece = static_cast<char*>(_vekMalloc(kFilePiece, kSource, __LINE__));
-  if (!piece) return ERR_FILE_WRITE;
-  const int rc = read_chunks(reader, piece, kFilePiece,
-                             [&](const char* data, int len) { return body.append(data, len) ? 0 : ERR_FILE_WRITE; });
-  _vekFree(piece, kSource, __LINE__);
-  const int take_rc = body.hand_over(response);
-  return rc != 0 ? rc : take_rc;
+enum class Framing { kLength, kChunked, kClose };
+
+// Runs one framing into the sink; the first failure wins, but the sink is
+// always finished so that what arrived is kept.
+template <class Sink, class Finish>
+int drain(Reader& reader, Sink& sink, Framing framing, long long length, Finish&& finish) {
+  int rc = framing == Framing::kLength    ? copy_body(reader, sink, length)
+           : framing == Framing::kChunked ? copy_chunks(reader, sink)
+                                          : copy_body(reader, sink, -1);
+  const int finish_rc = finish();
+  return rc != 0 ? rc : finish_rc;
 }
 
-int chunked_into_file(HTTP_REQUEST* request, Reader& reader) {
-  File out;
-  out.f = std::fopen(request->file, request->offset ? "ab" : "wb");
-  if (!out.f) {
-    log_vek_error("http_client(%s): fopen failed[%d]\n", request->file, errno);
-    return ERR_HTTP_FILE_CREATE;
-  }
-  if (request->offset && std::fseek(out.f, request->offset, SEEK_SET) != 0) {
-    log_vek_error("http_client(%s): fseek failed[%d]\n", request->file, errno);
-    return ERR_FILE_SEEK;
-  }
-  auto* piece = static_cast<char*>(_vekMalloc(kFilePiece, kSource, __LINE__));
-  if (!piece) return ERR_NO_MEMORY;
-  const int rc = read_chunks(reader, piece, kFilePiece,
-                             [&](const char* data, int len) { return write_piece(out.f, data, len, request->file); });
-  _vekFree(piece, kSource, __LINE__);
-  const int close_rc = out.close();
-  return rc != 0 ? rc : close_rc;
+int body_into_memory(HTTP_RESPONSE* response, Reader& reader, Framing framing, long long length) {
+  if (framing == Framing::kLength && length >= INT_MAX) return ERR_FILE_WRITE;
+  MemorySink sink(framing == Framing::kLength ? length + 1 : LLONG_MAX);
+  const int rc = drain(reader, sink, framing, length, [&] { return sink.finish(response); });
+  // Up to the close, any failing receive is the end of the body.
+  return framing == Framing::kClose && rc != ERR_FILE_WRITE ? 0 : rc;
 }
 
-// Up to the peer's close. Into memory any failing receive ends the body;
-// into a file only an orderly close does, other failures are returned.
-int unknown_into_memory(HTTP_RESPONSE* response, Reader& reader) {
-  Body body;
-  for (;;) {
-    if (!body.reserve(LLONG_MAX)) return ERR_FILE_WRITE;
-    int got = 0;
-    if (reader.read_some(body.tail(), body.room(), &got) != 0) break;
-    body.grew(got);
-  }
-  return body.hand_over(response);
+int body_into_file(HTTP_REQUEST* request, Reader& reader, Framing framing, long long length) {
+  FileSink sink(request->file);
+  int rc = sink.open(request->offset);
+  if (rc != 0) return framing == Framing::kChunked && rc == ERR_FILE_OPEN ? ERR_HTTP_FILE_CREATE
+                     : framing != Framing::kChunked && rc == ERR_FILE_SEEK ? ERR_FILE_OPEN
+                                                                            : rc;
+  rc = drain(reader, sink, framing, length, [&] { return sink.finish(); });
+  // Up to the close, the peer's orderly close is the end of the body.
+  return framing == Framing::kClose && rc == ERR_SOCKET_CLOSED ? 0 : rc;
 }
 
-int unknown_into_file(HTTP_REQUEST* request, Reader& reader) {
-  File out;
-  out.f = open_download(request);
-  if (!out.f) return ERR_FILE_OPEN;
-  auto* piece = static_cast<char*>(_vekMalloc(kFilePiece, kSource, __LINE__));
-  if (!piece) return ERR_NO_MEMORY;
-  int rc = copy_to_file(reader, out.f, -1, request->file, piece);
-  _vekFree(piece, kSource, __LINE__);
-  if (rc == ERR_SOCKET_CLOSED) rc = 0;
-  const int close_rc = out.close();
-  return rc != 0 ? rc : close_rc;
+int read_framed(HTTP_REQUEST* request, HTTP_RESPONSE* response, Reader& reader, Framing framing, long long length) {
+  return body_into_file(request, response) ? body_into_file(request, reader, framing, length)
+                                           : body_into_memory(response, reader, framing, length);
 }
-
 int read_known(HTTP_REQUEST* request, HTTP_RESPONSE* response, Reader& reader, long long length) {
-  return body_into_file(request, response) ? known_length_into_file(request, reader, length)
-                                           : known_length_into_memory(response, reader, length);
+  return read_framed(request, response, reader, Framing::kLength, length);
 }
 int read_chunked(HTTP_REQUEST* request, HTTP_RESPONSE* response, Reader& reader) {
-  return body_into_file(request, response) ? chunked_into_file(request, reader)
-                                           : chunked_into_memory(response, reader);
+  return read_framed(request, response, reader, Framing::kChunked, 0);
 }
 int read_unknown(HTTP_REQUEST* request, HTTP_RESPONSE* response, Reader& reader) {
-  return body_into_file(request, response) ? unknown_into_file(request, reader)
-                                           : unknown_into_memory(response, reader);
+  return read_framed(request, response, reader, Framing::kClose, 0);
 }
 
 // ---- the exchange -------------------------------------------------------------------
