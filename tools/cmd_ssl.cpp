@@ -123,8 +123,10 @@ int copy_streams(void* sock) {
       return fail("poll failed", std::strerror(errno));
     }
     if (SSL_pending(ssl) > 0 || fds[0].revents) {
+      // A short time-out: what arrived may be TLS's own records only.
       int len = sizeof buf;
-      const int r = socket_recv2(sock, buf, &len, 0);
+      const int r = socket_recv2(sock, buf, &len, 10);
+      if (r == ERR_SOCKET_TIMEOUT) continue;
       if (r == ERR_SOCKET_CLOSED) return 0;
       if (r != 0) return fail("receiving failed", ssl_error(sock));
       if (!write_all(STDOUT_FILENO, buf, static_cast<size_t>(len))) return fail("writing standard output failed", std::strerror(errno));

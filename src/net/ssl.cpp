@@ -26,6 +26,7 @@
 #include <vekutil/threads.h>
 
 #include "core/internal.hpp"
+#include "net/net.internal.hpp"
 
 static_assert(offsetof(_SSLO, ssl) == 0);
 static_assert(offsetof(_SSLO, errcode) == sizeof(void*));
@@ -49,7 +50,9 @@ struct _SSLO_CTX {
   char errmsg[kErrTextMax + 1];
 };
 
-ABSTRACT_SOCKET* as_socket(void* handle) { return static_cast<ABSTRACT_SOCKET*>(handle); }
+using vek::net::as_socket;
+using vek::net::log_result;
+
 _SSLO_CTX* as_ctx(void* ctx) { return static_cast<_SSLO_CTX*>(ctx); }
 
 // The socket's TLS state, or NULL when the socket is not morphed by this
@@ -91,10 +94,9 @@ void keep_connection_error(_SSLO* st, int ret) {
 }
 
 // A failed call that queued its reason: the queued code and its text.
-int keep_queued_error(int* errcode, char* errmsg) {
+void keep_queued_error(int* errcode, char* errmsg) {
   *errcode = static_cast<int>(ERR_get_error());
   describe(*errcode, errmsg, false, 0);
-  return *errcode;
 }
 
 // ---- waiting for readiness --------------------------------------------------
@@ -128,19 +130,35 @@ int refuse_timeout(ABSTRACT_SOCKET* sock) {
   return ERR_SOCKET_FAILED;
 }
 
-void log_result(ABSTRACT_SOCKET* sock, const char* fn, int ret, int oserr) {
-  if (sock->a_log_a) sock->a_log_a(sock, sock->owner, sock->s, fn, ret, oserr);
+// Looks at what arrived without blocking for more: 1 when application data
+// (or the end of the stream, or a failure the read will report; its reason
+// stays queued for it) is ready, 0 when the records were only TLS's own
+// (session tickets, key updates), after which a blocking read would wait
+// with no time-out at all.
+int application_data_ready(SSL* ssl) {
+  char byte;
+  const long mode = SSL_get_mode(ssl);
+  SSL_clear_mode(ssl, SSL_MODE_AUTO_RETRY);
+  const int n = SSL_peek(ssl, &byte, 1);
+  const bool more_needed = n <= 0 && SSL_get_error(ssl, n) == SSL_ERROR_WANT_READ;
+  SSL_set_mode(ssl, mode);
+  if (more_needed) ERR_clear_error();
+  return more_needed ? 0 : 1;
 }
 
-// Before a read: waits for the descriptor unless the time-out says block
-// inside OpenSSL, or OpenSSL already holds decrypted bytes.
+// Before a read: waits until application data is there, unless the
+// time-out says block inside OpenSSL or OpenSSL already holds decrypted
+// bytes.
 int wait_readable(ABSTRACT_SOCKET* sock, SSL* ssl, int timeout) {
   if (timeout < 1 || SSL_pending(ssl) > 0) return 0;
   long long budget_us = static_cast<long long>(timeout) * 1000;
-  const int r = wait_ready(sock->s, POLLIN, &budget_us);
-  if (r > 0) return 0;
-  sock->err = r == 0 ? ERR_SOCKET_TIMEOUT : errno;
-  return r == 0 ? ERR_SOCKET_TIMEOUT : ERR_SOCKET_FAILED;
+  for (;;) {
+    const int r = wait_ready(sock->s, POLLIN, &budget_us);
+    if (r > 0 && application_data_ready(ssl)) return 0;
+    if (r > 0) continue;
+    sock->err = r == 0 ? ERR_SOCKET_TIMEOUT : errno;
+    return r == 0 ? ERR_SOCKET_TIMEOUT : ERR_SOCKET_FAILED;
+  }
 }
 
 // SSL_read gave ret <= 0: the peer's close (end of stream, close-notify, or
@@ -156,7 +174,7 @@ int read_failed(ABSTRACT_SOCKET* sock, _SSLO* st, int ret) {
   return ERR_SSL_IO;
 }
 
-// Checks shared by the four data operations; 1 when the call may go on,
+// Checks shared by the four data operations: true when the call may go on,
 // else *result holds what to return.
 bool usable(ABSTRACT_SOCKET* sock, _SSLO*& st, int timeout, int* result) {
   st = tls_state(sock);
@@ -461,8 +479,8 @@ int _ssl_recv2(void* handle, char* buffer, int* length, int timeout) {
   if (!buffer || !length || *length < 0) return ERR_INVALID_PARAMETER;
   // A read of nothing would look like the peer's close.
   if (*length == 0) return 0;
-  if (const int w = wait_readable(sock, st->ssl, timeout)) return w;
   ERR_clear_error();
+  if (const int w = wait_readable(sock, st->ssl, timeout)) return w;
   const int n = SSL_read(st->ssl, buffer, *length);
   if (n > 0) {
     *length = n;
@@ -479,9 +497,9 @@ int _ssl_recv(void* handle, char* buffer, int length, int timeout) {
   if (!usable(sock, st, timeout, &result)) return result;
   if (!buffer || length < 0) return ERR_INVALID_PARAMETER;
   if (length == 0) return 0;
+  ERR_clear_error();
   if (const int w = wait_readable(sock, st->ssl, timeout)) return w;
   for (int total = 0; total < length;) {
-    ERR_clear_error();
     const int n = SSL_read(st->ssl, buffer + total, length - total);
     if (n <= 0) return read_failed(sock, st, n);
     total += n;
