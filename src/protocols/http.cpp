@@ -15,6 +15,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <climits>
+#include <cstddef>
 #include <cstdio>
 #include <cstring>
 #include <mutex>
@@ -33,6 +34,25 @@
 
 #include "containers/ptree.internal.hpp"
 #include "core/internal.hpp"
+
+// The public records keep their documented field order.
+static_assert(offsetof(HTTP_REQUEST, url) == 0 && offsetof(HTTP_REQUEST, override_host) < offsetof(HTTP_REQUEST, method) &&
+              offsetof(HTTP_REQUEST, method) < offsetof(HTTP_REQUEST, options) &&
+              offsetof(HTTP_REQUEST, options) < offsetof(HTTP_REQUEST, properties) &&
+              offsetof(HTTP_REQUEST, properties) < offsetof(HTTP_REQUEST, data) &&
+              offsetof(HTTP_REQUEST, data) < offsetof(HTTP_REQUEST, data_len) &&
+              offsetof(HTTP_REQUEST, data_len) < offsetof(HTTP_REQUEST, timeout) &&
+              offsetof(HTTP_REQUEST, timeout) < offsetof(HTTP_REQUEST, ssl_cert_path) &&
+              offsetof(HTTP_REQUEST, ssl_cert_path) < offsetof(HTTP_REQUEST, ssl_cert_pass) &&
+              offsetof(HTTP_REQUEST, ssl_cert_pass) < offsetof(HTTP_REQUEST, ssl_verify_peer) &&
+              offsetof(HTTP_REQUEST, ssl_verify_peer) < offsetof(HTTP_REQUEST, proxy) &&
+              offsetof(HTTP_REQUEST, proxy) < offsetof(HTTP_REQUEST, file) &&
+              offsetof(HTTP_REQUEST, file) < offsetof(HTTP_REQUEST, offset),
+              "HTTP_REQUEST field order");
+static_assert(offsetof(HTTP_RESPONSE, status) == 0 && offsetof(HTTP_RESPONSE, options) == sizeof(int) &&
+              offsetof(HTTP_RESPONSE, properties) < offsetof(HTTP_RESPONSE, data) &&
+              offsetof(HTTP_RESPONSE, data) < offsetof(HTTP_RESPONSE, data_len),
+              "HTTP_RESPONSE field order");
 
 namespace {
 
