@@ -118,7 +118,7 @@ bool start_nginx() {
   if (g_nginx == 0) {
     freopen("/dev/null", "w", stdout);
     freopen("/dev/null", "w", stderr);
-    execlp("nginx", "nginx", "-e", (g_dir + "/error.log").c_str(), "-c", conf.c_str(), nullptr);
+    execl("/usr/sbin/nginx", "nginx", "-e", (g_dir + "/error.log").c_str(), "-c", conf.c_str(), nullptr);
     _exit(127);
   }
   for (int i = 0; i < 500; ++i) {

@@ -235,7 +235,7 @@ class NginxPeer {
                                   "    root " + root + ";\n"
                                   "    location = /r307 { return 307 /elsewhere; }\n"
                                   "  }\n}\n");
-    ok_ = process_.start({"nginx", "-e", dir.file("nginx-error.log"), "-c", conf}, dir.file("nginx.out")) &&
+    ok_ = process_.start({"/usr/sbin/nginx", "-e", dir.file("nginx-error.log"), "-c", conf}, dir.file("nginx.out")) &&
           process_.wait_tcp_port(http_port_) && process_.wait_tcp_port(https_port_);
     access_log_ = dir.file("access.log");
   }

@@ -39,7 +39,7 @@ class ProxyPeer {
                                   "user.privileged: root\nuser.unprivileged: nobody\n"
                                   "client pass { from: 127.0.0.0/8 to: 0.0.0.0/0 }\n"
                                   "socks pass { from: 127.0.0.0/8 to: 0.0.0.0/0 }\n");
-    return process_.start({"danted", "-f", conf, "-p", dir.file("danted.pid")}, dir.file("danted.out")) &&
+    return process_.start({"/usr/sbin/danted", "-f", conf, "-p", dir.file("danted.pid")}, dir.file("danted.out")) &&
            process_.wait_tcp_port(port_);
   }
   bool start_microsocks(const vektest::TempDir& dir, const std::string& user, const std::string& pass) {
