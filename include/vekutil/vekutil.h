@@ -29,6 +29,7 @@
 #include <vekutil/convert.h>
 #include <vekutil/blob.h>
 #include <vekutil/bool.h>
+#include <vekutil/ptree.h>
 #include <vekutil/btree.h>
 #include <vekutil/list.h>
 #include <vekutil/instrument.h>
@@ -48,5 +49,6 @@
 #include <vekutil/udp.h>
 #include <vekutil/ssl.h>
 #include <vekutil/socket.async.h>
+#include <vekutil/http.h>
 
 #endif

@@ -1,0 +1,236 @@
+// The HTTP client against nginx over http and https (a 64 MiB file checked
+// by CRC, resume with a range request, 404 and 307, certificate checks) and
+// against `openssl s_server -WWW` requiring a client certificate.
+#include <sys/stat.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <random>
+#include <string>
+
+#include <vekutil/crc32.h>
+#include <vekutil/errors.h>
+#include <vekutil/http.h>
+#include <vekutil/socket.h>
+#include <vekutil/ssl.h>
+
+#include "http_peers.hpp"
+
+namespace {
+
+using httptest::Exchange;
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr size_t kBigSize = 16u << 20;
+#else
+constexpr size_t kBigSize = 64u << 20;
+#endif
+
+unsigned crc_of(const std::string& path) {
+  unsigned crc = 0;
+  return hash_file_crc32(path.c_str(), &crc) == 0 ? crc : 0xDEADu;
+}
+
+bool exists(const std::string& path) {
+  struct stat st {};
+  return stat(path.c_str(), &st) == 0;
+}
+
+// SSL_CERT_FILE names the CA file that the system CA paths stand for, for the
+// lifetime of the object.
+class CaFileEnv {
+ public:
+  explicit CaFileEnv(const std::string& file) { setenv("SSL_CERT_FILE", file.c_str(), 1); }
+  ~CaFileEnv() { unsetenv("SSL_CERT_FILE"); }
+};
+
+class HttpNginxTest : public vektest::LeakCheckedTest {
+ protected:
+  static void SetUpTestSuite() {
+    ssl_init();
+    void* s = nullptr;
+    socket_create(&s);
+    socket_delete(s);
+    socket_instrument_handle();
+    dir_ = new vektest::TempDir;
+    pki_ = new httptest::TestPki(*dir_);
+    const std::string root = dir_->file("www");
+    mkdir(root.c_str(), 0755);
+    std::string big(kBigSize, '\0');
+    std::mt19937_64 rng(16);
+    for (size_t i = 0; i < big.size(); i += 8) {
+      const auto v = rng();
+      std::memcpy(&big[i], &v, 8);
+    }
+    vektest::write_file(root + "/big.bin", big);
+    vektest::write_file(root + "/small.txt", "small file\n");
+    big_ = root + "/big.bin";
+    nginx_ = new httptest::NginxPeer(*dir_, *pki_, root);
+  }
+  static void TearDownTestSuite() {
+    delete nginx_;
+    delete pki_;
+    delete dir_;
+  }
+  void SetUp() override {
+    LeakCheckedTest::SetUp();
+    ASSERT_TRUE(pki_->ok) << "openssl could not make the test certificates";
+    ASSERT_TRUE(nginx_->ok()) << "nginx did not start";
+  }
+
+  static vektest::TempDir* dir_;
+  static httptest::TestPki* pki_;
+  static httptest::NginxPeer* nginx_;
+  static std::string big_;
+};
+vektest::TempDir* HttpNginxTest::dir_ = nullptr;
+httptest::TestPki* HttpNginxTest::pki_ = nullptr;
+httptest::NginxPeer* HttpNginxTest::nginx_ = nullptr;
+std::string HttpNginxTest::big_;
+
+TEST_F(HttpNginxTest, BigFileOverHttpAndHttpsArrivesWhole) {
+  vektest::TempDir dir;
+  for (const std::string& url : {nginx_->http("/big.bin"), nginx_->https("/big.bin")}) {
+    const std::string out = dir.file("big.out");
+    Exchange x;
+    x.req->file = out.c_str();
+    ASSERT_EQ(0, x.get(url)) << url;
+    EXPECT_EQ(200, x.resp->status);
+    EXPECT_EQ(static_cast<int>(kBigSize), x.resp->data_len);
+    EXPECT_EQ(crc_of(big_), crc_of(out)) << url;
+  }
+}
+
+TEST_F(HttpNginxTest, ResumeAppendsTheRestFromARangeRequest) {
+  vektest::TempDir dir;
+  const std::string whole = vektest::read_file(big_);
+  const int offset = static_cast<int>(kBigSize / 3) + 123;
+  for (const std::string& url : {nginx_->http("/big.bin"), nginx_->https("/big.bin")}) {
+    const std::string out = dir.file("resume.out");
+    vektest::write_file(out, whole.substr(0, static_cast<size_t>(offset)));
+    Exchange x;
+    x.req->file = out.c_str();
+    x.req->offset = offset;
+    ASSERT_EQ(0, x.get(url)) << url;
+    EXPECT_EQ(206, x.resp->status);
+    EXPECT_EQ("bytes " + std::to_string(offset) + "-" + std::to_string(kBigSize - 1) + "/" + std::to_string(kBigSize),
+              x.header("Content-Range"));
+    EXPECT_EQ(crc_of(big_), crc_of(out)) << url;
+  }
+}
+
+TEST_F(HttpNginxTest, NotFoundGoesToMemoryAndA307IsRepeatedOnce) {
+  vektest::TempDir dir;
+  const std::string out = dir.file("never.out");
+  Exchange missing;
+  missing.req->file = out.c_str();
+  ASSERT_EQ(0, missing.get(nginx_->https("/missing.bin")));
+  EXPECT_EQ(404, missing.resp->status);
+  EXPECT_NE(std::string::npos, missing.body().find("404 Not Found")) << missing.body();
+  EXPECT_FALSE(exists(out));
+
+  const int hits_before = nginx_->hits("/r307");
+  Exchange moved;
+  ASSERT_EQ(0, moved.get(nginx_->http("/r307")));
+  EXPECT_EQ(307, moved.resp->status);
+  EXPECT_EQ(hits_before + 2, nginx_->hits("/r307"));
+}
+
+// With ssl_verify_peer the server must chain to a known CA (the system's,
+// here pointed at the test CA) and its certificate must name the host.
+TEST_F(HttpNginxTest, VerificationChecksTheChainAndTheName) {
+  const std::string port = std::to_string(nginx_->https_port());
+  const std::string by_address = "127.0.0.1:" + port;
+  struct Case {
+    const char* what;
+    std::string url;
+    bool verify;
+    bool test_ca_known;
+    const char* override_host;
+    int rc;
+  };
+  const Case cases[] = {
+      {"address in the certificate", nginx_->https("/small.txt"), true, true, nullptr, 0},
+      {"name in the certificate", nginx_->https("/small.txt", "localhost"), true, true, nullptr, 0},
+      {"unknown CA", nginx_->https("/small.txt", "localhost"), true, false, nullptr, ERR_SSL_CONNECT},
+      {"name not in the certificate", "https://wrong.example:" + port + "/small.txt", true, true, by_address.c_str(),
+       ERR_SSL_CONNECT},
+      {"no verification accepts anything", "https://wrong.example:" + port + "/small.txt", false, false,
+       by_address.c_str(), 0},
+  };
+  for (const Case& c : cases) {
+    std::unique_ptr<CaFileEnv> env(c.test_ca_known ? new CaFileEnv(pki_->ca) : nullptr);
+    Exchange x;
+    x.req->ssl_verify_peer = c.verify;
+    x.req->override_host = c.override_host;
+    EXPECT_EQ(c.rc, x.get(c.url)) << c.what;
+    if (c.rc == 0) {
+      EXPECT_EQ("small file\n", x.body()) << c.what;
+    }
+  }
+  EXPECT_NE(std::string::npos, vektest::read_file(dir_->file("access.log")).find("sni=localhost"))
+      << "the server name goes out in the handshake";
+}
+
+class HttpClientCertificateTest : public vektest::LeakCheckedTest {
+ protected:
+  static void SetUpTestSuite() {
+    ssl_init();
+    dir_ = new vektest::TempDir;
+    pki_ = new httptest::TestPki(*dir_);
+    vektest::write_file(dir_->file("hello.txt"), "hello over TLS\n");
+    port_ = vektest::free_tcp_port();
+    server_ = new vektest::PeerProcess;
+    ok_ = pki_->ok &&
+          server_->start({"openssl", "s_server", "-quiet", "-accept", "127.0.0.1:" + std::to_string(port_), "-cert",
+                          pki_->server_cert, "-key", pki_->server_key, "-CAfile", pki_->ca, "-Verify", "1", "-WWW"},
+                         dir_->file("s_server.log"), {}, dir_->path()) &&
+          server_->wait_tcp_port(port_);
+  }
+  static void TearDownTestSuite() {
+    delete server_;
+    delete pki_;
+    delete dir_;
+  }
+  void SetUp() override {
+    LeakCheckedTest::SetUp();
+    ASSERT_TRUE(ok_) << "openssl s_server did not start";
+  }
+  static std::string url() { return "https://127.0.0.1:" + std::to_string(port_) + "/hello.txt"; }
+
+  static vektest::TempDir* dir_;
+  static httptest::TestPki* pki_;
+  static vektest::PeerProcess* server_;
+  static int port_;
+  static bool ok_;
+};
+vektest::TempDir* HttpClientCertificateTest::dir_ = nullptr;
+httptest::TestPki* HttpClientCertificateTest::pki_ = nullptr;
+vektest::PeerProcess* HttpClientCertificateTest::server_ = nullptr;
+int HttpClientCertificateTest::port_ = 0;
+bool HttpClientCertificateTest::ok_ = false;
+
+TEST_F(HttpClientCertificateTest, ServerRequiringACertificateServesOnlyAClientThatHasOne) {
+  Exchange with;
+  with.req->ssl_cert_path = pki_->client_packed.c_str();
+  with.req->ssl_verify_peer = 1;
+  {
+    CaFileEnv env(pki_->ca);
+    ASSERT_EQ(0, with.get(url())) << vektest::read_file(dir_->file("s_server.log"));
+  }
+  EXPECT_EQ(200, with.resp->status);
+  EXPECT_EQ(HTTP_RESPONSE_HTTP10, with.resp->options);
+  EXPECT_EQ("hello over TLS\n", with.body());
+
+  Exchange without;
+  without.req->timeout = 2000;
+  EXPECT_NE(0, without.get(url()));
+  EXPECT_NE(200, without.resp->status);
+
+  Exchange missing_file;
+  missing_file.req->ssl_cert_path = "/no/such/client.pem";
+  EXPECT_EQ(ERR_SSL_CTX_FILE, missing_file.get(url()));
+}
+
+}  // namespace

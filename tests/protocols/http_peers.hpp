@@ -1,0 +1,294 @@
+// Real HTTP peers for the client tests, each started on a loopback port the
+// system handed out and stopped by its pid: Python's http.server with a
+// handler for the odd replies, nginx for static files over http and https,
+// and the certificates of a test CA made with the openssl command.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include <vekutil/http.h>
+#include <vekutil/memory.h>
+#include <vekutil/ptree.h>
+
+#include "peer.hpp"
+#include "vek_test.hpp"
+
+namespace httptest {
+
+// A CA, a server certificate for localhost and 127.0.0.1, and a client
+// certificate, with a packed client file (certificate, CA, key) as the
+// request's ssl_cert_path expects it.
+struct TestPki {
+  explicit TestPki(const vektest::TempDir& dir)
+      : ca(dir.file("ca.pem")),
+        server_cert(dir.file("server.pem")),
+        server_key(dir.file("server.key")),
+        client_packed(dir.file("client-packed.pem")) {
+    const std::string ca_key = dir.file("ca.key"), client_cert = dir.file("client.pem"),
+                      client_key = dir.file("client.key"), ext = dir.file("san.ext");
+    vektest::write_file(ext, "subjectAltName=DNS:localhost,IP:127.0.0.1\n");
+    ok = run({"openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes", "-days",
+              "2", "-subj", "/CN=vekutil test CA", "-keyout", ca_key, "-out", ca}) &&
+         issue("/CN=localhost", server_key, server_cert, ca_key, ext) &&
+         issue("/CN=vekutil test client", client_key, client_cert, ca_key, "");
+    if (ok)
+      vektest::write_file(client_packed, vektest::read_file(client_cert) + vektest::read_file(ca) +
+                                             vektest::read_file(client_key));
+  }
+
+  bool ok = false;
+  std::string ca, server_cert, server_key, client_packed;
+
+ private:
+  // Runs the openssl command with its chatter on standard error discarded.
+  static bool run(const std::vector<std::string>& argv) {
+    std::vector<std::string> quiet = {"sh", "-c", "exec \"$0\" \"$@\" 2>/dev/null"};
+    quiet.insert(quiet.end(), argv.begin(), argv.end());
+    return vektest::run_program(quiet) == 0;
+  }
+  bool issue(const std::string& subject, const std::string& key, const std::string& cert, const std::string& ca_key,
+             const std::string& ext) {
+    const std::string csr = cert + ".csr";
+    std::vector<std::string> sign = {"openssl", "x509", "-req", "-in", csr, "-CA", ca, "-CAkey", ca_key,
+                                     "-CAcreateserial", "-days", "2", "-out", cert};
+    if (!ext.empty()) sign.insert(sign.end(), {"-extfile", ext});
+    return run({"openssl", "req", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes", "-subj", subject,
+                "-keyout", key, "-out", csr}) &&
+           run(sign);
+  }
+};
+
+// Python's http.server with a handler for the replies nginx does not make:
+// chunked bodies, HTTP/1.0 replies that end at the close, slow, stalled and
+// cut replies, odd headers, and echoes of what the client sent.
+inline const char* kPythonHandler = R"PY(
+import hashlib, socket, sys, threading, time
+from http.server import BaseHTTPRequestHandler, ThreadingHTTPServer
+from urllib.parse import urlsplit, parse_qs
+
+hits = {}
+lock = threading.Lock()
+
+def pattern(n):
+    return bytes((i * 7 + 3) % 251 for i in range(n))
+
+class Handler(BaseHTTPRequestHandler):
+    protocol_version = "HTTP/1.1"
+    def log_message(self, *args): pass
+    def do_GET(self): self.route()
+    def do_POST(self): self.route()
+    def do_PUT(self): self.route()
+    def do_DELETE(self): self.route()
+
+    def raw(self, data, pause=0):
+        self.wfile.write(data)
+        self.wfile.flush()
+        if pause: time.sleep(pause)
+
+    def reply(self, body, status=200, extra=()):
+        self.send_response(status)
+        for name, value in extra: self.send_header(name, value)
+        self.send_header("Content-Length", str(len(body)))
+        self.end_headers()
+        self.wfile.write(body)
+
+    def read_body(self):
+        if self.headers.get("Transfer-Encoding", "").lower() == "chunked":
+            sizes, body = [], b""
+            while True:
+                size = int(self.rfile.readline().split(b";")[0], 16)
+                sizes.append(size)
+                if size == 0:
+                    self.rfile.readline()
+                    return body, sizes
+                body += self.rfile.read(size)
+                if self.rfile.read(2) != b"\r\n": raise ValueError("chunk end")
+        return self.rfile.read(int(self.headers.get("Content-Length", "0"))), None
+
+    def route(self):
+        url = urlsplit(self.path)
+        q = {k: v[0] for k, v in parse_qs(url.query).items()}
+        n = int(q.get("n", "1000"))
+        with lock:
+            hits[url.path] = hits.get(url.path, 0) + 1
+        if url.path == "/echo":      # what arrived, body read by length or chunks
+            body, sizes = self.read_body()
+            text = "%s %s %s\n" % (self.command, self.path, self.request_version)
+            text += "".join("%s: %s\n" % kv for kv in self.headers.items())
+            text += "body %d %s\n" % (len(body), hashlib.sha256(body).hexdigest())
+            text += "chunks %s\n" % (",".join(map(str, sizes)) if sizes is not None else "-")
+            self.reply(text.encode())
+        elif url.path == "/headers":  # what arrived, body left unread
+            text = "%s %s %s\n" % (self.command, self.path, self.request_version)
+            text += "".join("%s: %s\n" % kv for kv in self.headers.items())
+            self.reply(text.encode(), extra=[("Connection", "close")])
+            self.close_connection = True
+        elif url.path == "/hits":
+            self.reply(str(hits.get(q["p"], 0)).encode())
+        elif url.path == "/chunked":  # sizes in hex of both cases, one with an extension
+            self.raw(b"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n")
+            data, at = pattern(n), 0
+            for i, size in enumerate([1, 15, 16, 511, 512, 513, 4096, 20000]):
+                part = data[at:at + size]
+                at += len(part)
+                if not part: break
+                head = ("%x" if i % 2 else "%X") % len(part) + (";ext=1" if i == 2 else "")
+                self.raw(head.encode() + b"\r\n" + part + b"\r\n")
+            if at < n: self.raw(b"%x\r\n" % (n - at) + data[at:] + b"\r\n")
+            self.raw(b"0\r\n\r\n")
+        elif url.path == "/close":     # HTTP/1.0, no length: the body ends at the close
+            self.raw(b"HTTP/1.0 200 OK\r\nContent-Type: application/octet-stream\r\n\r\n" + pattern(n))
+            self.close_connection = True
+        elif url.path == "/slow":      # a body in pieces, each well inside the time-out
+            self.raw(b"HTTP/1.1 200 OK\r\nContent-Length: %d\r\n\r\n" % n)
+            for i in range(4): self.raw(pattern(n)[i * n // 4:(i + 1) * n // 4], 0.2)
+        elif url.path == "/slow-header":  # the header a few bytes at a time
+            head = b"HTTP/1.1 200 OK\r\nX-Slow: yes\r\nContent-Length: 2\r\n\r\nok"
+            for i in range(0, len(head), 8): self.raw(head[i:i + 8], 0.05)
+        elif url.path == "/stall":     # part of the body, then silence
+            self.raw(b"HTTP/1.1 200 OK\r\nContent-Length: %d\r\n\r\n" % n + pattern(n // 2), 3)
+        elif url.path == "/stall-header":
+            self.raw(b"HTTP/1.1 200 OK\r\nX-Half: ", 3)
+        elif url.path == "/cut-length":  # the peer closes before the announced length
+            self.raw(b"HTTP/1.1 200 OK\r\nContent-Length: %d\r\n\r\n" % n + pattern(n // 2))
+            self.close_connection = True
+        elif url.path == "/cut-chunked":
+            self.raw(b"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n%x\r\n" % n + pattern(n // 2))
+            self.close_connection = True
+        elif url.path == "/claim-big":  # announces far more than it sends
+            self.raw(b"HTTP/1.1 200 OK\r\nContent-Length: 2000000000\r\n\r\n" + pattern(n))
+            self.close_connection = True
+        elif url.path == "/r307":
+            self.reply(b"moved", 307, [("Location", "http://127.0.0.1:1/elsewhere")])
+        elif url.path == "/missing":
+            self.reply(b"no such thing", 404)
+        elif url.path == "/odd-headers":
+            self.raw(b"HTTP/1.1 200 OK\r\nX-Twice: one\r\nx-twice: two\r\nNoSpace:value\r\n"
+                     b"no colon here\r\n: empty name\r\nContent-Length: 2\r\n\r\nok")
+        elif url.path == "/lf-only":
+            self.raw(b"HTTP/1.1 200 OK\nContent-Length: 2\n\n\n\nok")
+        elif url.path == "/not-http":
+            self.raw(b"ICY 200 OK\r\n\r\n")
+            self.close_connection = True
+        elif url.path == "/endless-header":
+            self.raw(b"HTTP/1.1 200 OK\r\n")
+            try:
+                for i in range(40000): self.raw(b"X-Filler-%d: %s\r\n" % (i, b"x" * 40))
+            except OSError: pass
+            self.close_connection = True
+        else:
+            self.reply(b"unknown", 500)
+
+class Server(ThreadingHTTPServer):
+    daemon_threads = True
+    allow_reuse_address = True
+
+Server(("127.0.0.1", int(sys.argv[1])), Handler).serve_forever()
+)PY";
+
+class PythonPeer {
+ public:
+  explicit PythonPeer(const vektest::TempDir& dir) {
+    const std::string script = dir.file("handler.py");
+    vektest::write_file(script, kPythonHandler);
+    port_ = vektest::free_tcp_port();
+    ok_ = process_.start({"/usr/bin/python3", script, std::to_string(port_)}, dir.file("python.log")) &&
+          process_.wait_tcp_port(port_);
+  }
+  bool ok() const { return ok_; }
+  int port() const { return port_; }
+  std::string url(const std::string& path) const { return "http://127.0.0.1:" + std::to_string(port_) + path; }
+
+ private:
+  vektest::PeerProcess process_;
+  int port_ = 0;
+  bool ok_ = false;
+};
+
+// nginx in one process (no daemon, no workers) serving root over http and
+// https with the test CA's server certificate; /r307 answers 307.
+class NginxPeer {
+ public:
+  NginxPeer(const vektest::TempDir& dir, const TestPki& pki, const std::string& root) {
+    http_port_ = vektest::free_tcp_port();
+    https_port_ = vektest::free_tcp_port();
+    const std::string conf = dir.file("nginx.conf");
+    vektest::write_file(conf, "daemon off;\nmaster_process off;\npid " + dir.file("nginx.pid") +
+                                  ";\nerror_log " + dir.file("nginx-error.log") +
+                                  " warn;\nevents { worker_connections 256; }\nhttp {\n"
+                                  "  log_format sni '$remote_addr \"$request\" $status sni=$ssl_server_name';\n"
+                                  "  access_log " + dir.file("access.log") + " sni;\n"
+                                  "  client_body_temp_path " + dir.path() + ";\n"
+                                  "  proxy_temp_path " + dir.path() + ";\n"
+                                  "  fastcgi_temp_path " + dir.path() + ";\n"
+                                  "  uwsgi_temp_path " + dir.path() + ";\n"
+                                  "  scgi_temp_path " + dir.path() + ";\n"
+                                  "  sendfile on;\n"
+                                  "  server {\n"
+                                  "    listen 127.0.0.1:" + std::to_string(http_port_) + ";\n"
+                                  "    listen 127.0.0.1:" + std::to_string(https_port_) + " ssl;\n"
+                                  "    ssl_certificate " + pki.server_cert + ";\n"
+                                  "    ssl_certificate_key " + pki.server_key + ";\n"
+                                  "    root " + root + ";\n"
+                                  "    location = /r307 { return 307 /elsewhere; }\n"
+                                  "  }\n}\n");
+    ok_ = process_.start({"/usr/sbin/nginx", "-e", dir.file("nginx-error.log"), "-c", conf}, dir.file("nginx.out")) &&
+          process_.wait_tcp_port(http_port_) && process_.wait_tcp_port(https_port_);
+    access_log_ = dir.file("access.log");
+  }
+  bool ok() const { return ok_; }
+  std::string http(const std::string& path) const { return "http://127.0.0.1:" + std::to_string(http_port_) + path; }
+  std::string https(const std::string& path, const std::string& host = "127.0.0.1") const {
+    return "https://" + host + ":" + std::to_string(https_port_) + path;
+  }
+  int http_port() const { return http_port_; }
+  int https_port() const { return https_port_; }
+  // Requests nginx has logged for a path so far.
+  int hits(const std::string& path) const {
+    const std::string log = vektest::read_file(access_log_), needle = " " + path + " HTTP/";
+    int n = 0;
+    for (size_t at = log.find(needle); at != std::string::npos; at = log.find(needle, at + 1)) ++n;
+    return n;
+  }
+
+ private:
+  vektest::PeerProcess process_;
+  int http_port_ = 0, https_port_ = 0;
+  std::string access_log_;
+  bool ok_ = false;
+};
+
+// One request and response pair, released with the object.
+struct Exchange {
+  Exchange() {
+    EXPECT_EQ(0, http_request_create(&req));
+    EXPECT_EQ(0, http_response_create(&resp));
+  }
+  ~Exchange() {
+    http_request_delete(req);
+    http_response_delete(resp);
+  }
+  Exchange(const Exchange&) = delete;
+  Exchange& operator=(const Exchange&) = delete;
+
+  int get(const std::string& u) {
+    url = u;
+    req->url = url.c_str();
+    req->method = HTTP_METHOD_GET;
+    return http_client(req, resp);
+  }
+  std::string body() const { return resp->data ? std::string(resp->data, static_cast<size_t>(resp->data_len)) : ""; }
+  std::string header(const char* name) const {
+    const char* v = ptree_find_by_key(resp->properties, name);
+    return v ? v : "<none>";
+  }
+
+  HTTP_REQUEST* req = nullptr;
+  HTTP_RESPONSE* resp = nullptr;
+  std::string url;
+};
+
+}  // namespace httptest
