@@ -59,6 +59,9 @@
 #define ERR_SOCKET_OPTION            (-7228) /* a socket option call failed */
 #define ERR_SOCKET_FCNTL             (-7229) /* switching the blocking mode failed */
 #define ERR_UDP_TOO_LARGE            (-7231) /* a datagram longer than 65535 bytes */
+#define ERR_SOCKET_PROXY_REFUSED     (-7232) /* the proxy refused to open the tunnel */
+#define ERR_SOCKET_PROXY_AUTH        (-7233) /* the proxy rejected the credentials */
+#define ERR_SOCKET_PROXY_REPLY       (-7234) /* the proxy's reply is malformed */
 #define ERR_SSL_IO                   (-7251) /* TLS read or write failed / asynchronous registration with a mode other than 1 or 4 */
 #define ERR_ASYNC_BAD_MODE           (-7251) /* TLS read or write failed / asynchronous registration with a mode other than 1 or 4 */
 #define ERR_SSL_CTX_FILE             (-7252) /* key, chain or CA loading failed / the asynchronous worker has no free slot */

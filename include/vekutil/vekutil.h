@@ -40,5 +40,10 @@
 #include <vekutil/threads.h>
 #include <vekutil/queue.h>
 #include <vekutil/pool.h>
+#include <vekutil/inet.h>
+#include <vekutil/socket.h>
+#include <vekutil/tcp.h>
+#include <vekutil/stcp.h>
+#include <vekutil/udp.h>
 
 #endif
