@@ -45,5 +45,8 @@
 #include <vekutil/tcp.h>
 #include <vekutil/stcp.h>
 #include <vekutil/udp.h>
+#include <vekutil/statsd.h>
+#include <vekutil/syslog.h>
+#include <vekutil/ftp.h>
 
 #endif

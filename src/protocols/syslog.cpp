@@ -180,7 +180,8 @@ int syslog_collector_create(void** handle, int port, syslog_on_recv_callback cal
   if (rc == 0) rc = udp_bind(c->socket, address);
   if (rc == 0) {
     const int queue = kReceiveQueueBytes;
-    setsockopt(udp_descriptor(c->socket), SOL_SOCKET, SO_RCVBUF, &queue, sizeof queue);
+    if (setsockopt(udp_descriptor(c->socket), SOL_SOCKET, SO_RCVBUF, &queue, sizeof queue) != 0)
+      log_vek_error("syslog_collector_create(%s): setsockopt(SO_RCVBUF) failed[%d]\n", address, errno);
     rc = start_receiver(c);
   }
   if (rc != 0) {
