@@ -148,7 +148,7 @@ class Inbox {
   std::mutex lock_;
   std::condition_variable arrived_;
   std::vector<Received> messages_;
-  bool inspect_thread_ = false;
+  std::atomic<bool> inspect_thread_{false};
 };
 
 class SyslogCollectorTest : public vektest::LeakCheckedTest {
