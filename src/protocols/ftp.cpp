@@ -382,6 +382,7 @@ int ftp_put(void* handle, const char* local_file, const char* remote_file) {
   _FTP_OBJECT* f = as_ftp(handle);
   std::FILE* file = std::fopen(local_file, "rb");
   if (!file) return ERR_FTP_LOCAL_FILE;
+  std::setvbuf(file, nullptr, _IONBF, 0);  // whole blocks: one read each, no copy through stdio
   char* block = new_block();
   void* data = nullptr;
   rc = block ? open_transfer(f, "STOR", remote_file, &data) : ERR_NO_MEMORY;
@@ -406,6 +407,7 @@ int ftp_get(void* handle, const char* remote_file, const char* local_file) {
   _FTP_OBJECT* f = as_ftp(handle);
   std::FILE* file = std::fopen(local_file, "wb");
   if (!file) return ERR_FTP_LOCAL_FILE;
+  std::setvbuf(file, nullptr, _IONBF, 0);  // whole blocks: one write each, no copy through stdio
   char* block = new_block();
   void* data = nullptr;
   rc = block ? open_transfer(f, "RETR", remote_file, &data) : ERR_NO_MEMORY;
