@@ -45,5 +45,6 @@
 #include <vekutil/tcp.h>
 #include <vekutil/stcp.h>
 #include <vekutil/udp.h>
+#include <vekutil/socket.async.h>
 
 #endif
