@@ -80,22 +80,11 @@ class Output {
     return resize(want);
   }
 
-  // Gives the text a block of the given size; on failure buf_ stays a valid
-  // block we own. A failed realloc keeps the old block in default mode, but
-  // the accounting allocator in debug mode disowns it, so there the text
-  // is moved by hand.
+  // Gives the text a block of the given size; on failure buf_ stays the
+  // valid block it was.
   bool resize(size_t size) {
-    if (!g_vek_memory_debug) {
-      char* block = static_cast<char*>(_vekRealloc(buf_, size, kSource, __LINE__));
-      if (!block) return false;
-      buf_ = block;
-      cap_ = size;
-      return true;
-    }
-    char* block = static_cast<char*>(_vekMalloc(size, kSource, __LINE__));
+    char* block = static_cast<char*>(_vekRealloc(buf_, size, kSource, __LINE__));
     if (!block) return false;
-    if (len_) std::memcpy(block, buf_, len_ < size ? len_ : size);
-    vek::release(buf_, kSource, __LINE__);
     buf_ = block;
     cap_ = size;
     return true;

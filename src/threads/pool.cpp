@@ -21,6 +21,7 @@
 #include <vekutil/timeutil.h>
 
 #include "core/internal.hpp"
+#include "core/scoped_lock.hpp"
 
 namespace {
 
@@ -90,17 +91,6 @@ T* make_record(int line) {
 
 void release(void* p, int line) { _vekFree(p, kSource, line); }
 
-class Locked {
- public:
-  explicit Locked(const _POOL_OBJECT* po) : mux_(po->mux) { _mutex_lock(mux_, kSource, __LINE__); }
-  ~Locked() { _mutex_unlock(mux_, kSource, __LINE__); }
-  Locked(const Locked&) = delete;
-  Locked& operator=(const Locked&) = delete;
-
- private:
-  void* mux_;
-};
-
 _POOL_WORK_ITEM* make_item(thread_pool_callback func, void* a, void* b, void* c, int interval) {
   auto* item = make_record<_POOL_WORK_ITEM>(__LINE__);
   if (!item) return nullptr;
@@ -149,7 +139,7 @@ bool start_worker(_POOL_OBJECT* po, int id) {
 // worker, numbered after the counted ones. A pool that is shutting down
 // starts none: every worker it has is about to be ended.
 void add_worker_for(_POOL_OBJECT* po, int depth) {
-  Locked guard(po);
+  vek::ScopedLock guard(po->mux, kSource, __LINE__);
   const int id = po->cur_threads.load();
   if (po->is_shutdown.load() || depth <= id || id >= po->max_threads) return;
   if (!start_worker(po, id)) return;
@@ -162,7 +152,7 @@ void add_worker_for(_POOL_OBJECT* po, int depth) {
 void end_worker(_POOL_WORKER_OBJECT* worker, _POOL_WORK_ITEM* shutdown_item) {
   _POOL_OBJECT* po = worker->po;
   {
-    Locked guard(po);
+    vek::ScopedLock guard(po->mux, kSource, __LINE__);
     if (shutdown_item) {
       po->cur_threads.fetch_sub(1);
       --po->shutdown_items;
@@ -183,7 +173,7 @@ void account_idle_run(_POOL_OBJECT* po, int& idle_runs) {
     return;
   }
   if (idle_runs++ <= po->thread_idle_count) return;
-  Locked guard(po);
+  vek::ScopedLock guard(po->mux, kSource, __LINE__);
   if (po->cur_threads.load() > po->min_threads) po->cur_threads.fetch_sub(1);
 }
 
@@ -193,7 +183,7 @@ void reschedule(_POOL_OBJECT* po, _POOL_WORK_ITEM* item, int interval) {
   const long long now = time_now();
   bool filed;
   {
-    Locked guard(po);
+    vek::ScopedLock guard(po->mux, kSource, __LINE__);
     item->next_exec_time = std::max(item->next_exec_time, now) + interval;
     filed = file_in_schedule(po, item);
   }
@@ -300,7 +290,7 @@ bool queue_shutdown_item(_POOL_OBJECT* po) {
 void wait_for_counted_workers(_POOL_OBJECT* po) {
   for (;;) {
     {
-      Locked guard(po);
+      vek::ScopedLock guard(po->mux, kSource, __LINE__);
       if (po->cur_threads.load() < 1 || po->live_workers.load() == 0) return;
     }
     thread_sleep(kCountedWorkersPollMs);
@@ -313,7 +303,7 @@ void wait_for_counted_workers(_POOL_OBJECT* po) {
 void end_remaining_workers(_POOL_OBJECT* po) {
   for (;;) {
     {
-      Locked guard(po);
+      vek::ScopedLock guard(po->mux, kSource, __LINE__);
       while (po->shutdown_items < po->unreleased_workers)
         if (!queue_shutdown_item(po)) break;
     }
@@ -333,7 +323,7 @@ void shut_down(_POOL_OBJECT* po) {
   po->is_shutdown.store(1);
   if (po->sch_schevt) schevent_interrupt(po->sch_schevt);
   {
-    Locked guard(po);
+    vek::ScopedLock guard(po->mux, kSource, __LINE__);
     for (int i = 0; i < po->cur_threads.load(); ++i)
       if (!queue_shutdown_item(po)) break;
   }
@@ -373,7 +363,7 @@ void thread_pool_init(void** pool, int minthreads, int maxthreads, int stack_siz
   po->cur_threads.store(minthreads);
   po->thread_idle_count = kIdleRunsTolerated;
   {
-    Locked guard(po);
+    vek::ScopedLock guard(po->mux, kSource, __LINE__);
     for (int id = 0; id < minthreads && start_worker(po, id); ++id) ++po->threads_created;
   }
   if (!start_scheduler(po)) {
@@ -435,7 +425,7 @@ int thread_pool_put_scheduled_work(void* pool, const char* who, void** handle, i
   if (!item) return ERR_NO_MEMORY;
   bool filed;
   {
-    Locked guard(po);
+    vek::ScopedLock guard(po->mux, kSource, __LINE__);
     item->next_exec_time = time_now() + interval;
     // Stored before the item is filed: a due item may run and be gone before
     // this call returns.
