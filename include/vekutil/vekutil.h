@@ -46,5 +46,6 @@
 #include <vekutil/stcp.h>
 #include <vekutil/udp.h>
 #include <vekutil/socket.async.h>
+#include <vekutil/ftp.server.h>
 
 #endif
