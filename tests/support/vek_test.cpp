@@ -13,6 +13,7 @@
 #include <vekutil/mutex.h>
 #include <vekutil/queue.h>
 #include <vekutil/rwlock.h>
+#include <vekutil/socket.h>
 
 namespace vektest {
 
@@ -22,6 +23,8 @@ void LeakCheckedTest::SetUp() {
   rwlock_instrument_handle();
   event_instrument_handle();
   queue_instrument_handle();
+  socket_instrument_handle();
+  socket_foreach([](const void*, void*) {}, nullptr);  // makes the socket registry
   blocks_at_start_ = vekMemoryBlockUsed();
   bytes_at_start_ = vekMemoryUsed();
 }
