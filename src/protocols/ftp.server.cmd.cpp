@@ -170,7 +170,7 @@ bool confined(Server* srv, const char* abs) {
     ScopedLock guard(srv->pub.mutex, kSource, __LINE__);
     if (!srv->root_real) {
       char resolved[PATH_MAX];
-      if (realpath(srv->pub.root_folder_abs, resolved)) srv->root_real = vekStrdup(resolved);
+      if (realpath(srv->pub.root_folder_abs, resolved)) srv->root_real = copy_text(resolved, kSource, __LINE__);
     }
     root_real = srv->root_real;
     if (!root_real) return false;
@@ -552,7 +552,7 @@ int cmd_cdup(void* p, const char*, const char*) {
 }
 
 bool set_directory(Client* co, const char* dir) {
-  char* copy = vekStrdup(dir);
+  char* copy = copy_text(dir, kSource, __LINE__);
   if (!copy) return false;
   _vekFree(co->directory, kSource, __LINE__);
   co->directory = copy;
@@ -639,7 +639,7 @@ int cmd_rnfr(void* p, const char*, const char* args) {
   Client* co = client(p);
   if (!authorised(co, FTP_ACCESS_WRITE)) return 0;
   _vekFree(co->rename_from, kSource, __LINE__);
-  co->rename_from = args ? vekStrdup(args) : nullptr;
+  co->rename_from = args ? copy_text(args, kSource, __LINE__) : nullptr;
   reply(co, "350 RNFR command successful.\r\n");
   return 0;
 }

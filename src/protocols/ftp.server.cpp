@@ -272,7 +272,7 @@ Session* make_session(Server* srv, void* socket) {
   co->socket = socket;
   co->is_authenticated = FTP_ACCESS_NONE;
   co->server = &srv->pub;
-  co->directory = vekStrdup("/");
+  co->directory = copy_text("/", kSource, __LINE__);
   copy_name(co->remote_addr, 33, socket_peer(socket));
   copy_name(co->username, 129, socket_peer(socket));
   if (!co->directory) {
@@ -369,12 +369,12 @@ int start_listening(Server* srv, unsigned short port) {
 
 int set_root(Server* srv, const char* root_folder) {
   _FTP_SERVER_OBJECT* s = &srv->pub;
-  s->root_folder = vekStrdup(root_folder);
+  s->root_folder = copy_text(root_folder, kSource, __LINE__);
   char abs[PATH_MAX];
   if (!s->root_folder || !absolute_form(root_folder, abs, sizeof abs)) return ERR_NO_MEMORY;
-  s->root_folder_abs = vekStrdup(abs);
+  s->root_folder_abs = copy_text(abs, kSource, __LINE__);
   char resolved[PATH_MAX];
-  if (realpath(abs, resolved)) srv->root_real = vekStrdup(resolved);
+  if (realpath(abs, resolved)) srv->root_real = copy_text(resolved, kSource, __LINE__);
   return s->root_folder_abs ? 0 : ERR_NO_MEMORY;
 }
 
@@ -463,7 +463,7 @@ VEK_API void ftp_server_stop(void* handle) {
 VEK_API int ftp_server_set_public_ip(void* handle, const char* public_ip) {
   Server* srv = static_cast<Server*>(handle);
   if (!srv) return ERR_INVALID_PARAMETER;
-  char* copy = public_ip && public_ip[0] ? vekStrdup(public_ip) : nullptr;
+  char* copy = public_ip && public_ip[0] ? copy_text(public_ip, kSource, __LINE__) : nullptr;
   if (public_ip && public_ip[0] && !copy) return ERR_NO_MEMORY;
   char* old;
   {

@@ -25,6 +25,7 @@
 #include <type_traits>
 
 #include <vekutil/ftp.server.h>
+#include <vekutil/memory.h>
 
 namespace vek::ftp {
 
@@ -70,6 +71,14 @@ static_assert(std::is_standard_layout_v<Server> && std::is_standard_layout_v<Ses
 inline Session* session_of(void* client) { return reinterpret_cast<Session*>(client); }
 inline const Session* session_of(const void* client) { return reinterpret_cast<const Session*>(client); }
 inline Server* server_of(_FTP_SERVER_OBJECT* pub) { return reinterpret_cast<Server*>(pub); }
+
+// A copy of text from the accounted allocator, booked to file and line.
+inline char* copy_text(const char* text, const char* file, int line) {
+  size_t n = __builtin_strlen(text) + 1;
+  char* copy = static_cast<char*>(_vekMalloc(n, file, line));
+  if (copy) __builtin_memcpy(copy, text, n);
+  return copy;
+}
 
 // Command table lookup by the CRC-32 of the command word; NULL when absent.
 _FTP_COMMAND* find_command(const char* word);
