@@ -204,14 +204,20 @@ int list_insert_at_index(void* handle, void* e, int index) {
   return insert_where(handle, e, [index](const List*) { return index; });
 }
 
+// The index has no lock of its own: lookups read it under the list's read
+// lock, since inserts and deletions change it under the write lock.
 void* list_find_by_hash(void* handle, long long hash) {
   List* l = static_cast<List*>(handle);
-  return l && l->search_btree ? btree_find_by_hash(l->search_btree, hash) : nullptr;
+  if (!l || !l->search_btree) return nullptr;
+  vek::ScopedLock lock(l->lock, LIST_SOURCE, __LINE__, vek::ScopedLock::kRead);
+  return lock.held() ? btree_find_by_hash(l->search_btree, hash) : nullptr;
 }
 
 void* list_find_by_object(void* handle, const void* e) {
   List* l = static_cast<List*>(handle);
-  return l && l->search_btree ? btree_find_by_object(l->search_btree, e) : nullptr;
+  if (!l || !l->search_btree) return nullptr;
+  vek::ScopedLock lock(l->lock, LIST_SOURCE, __LINE__, vek::ScopedLock::kRead);
+  return lock.held() ? btree_find_by_object(l->search_btree, e) : nullptr;
 }
 
 void* list_find_by_index(void* handle, int index) {

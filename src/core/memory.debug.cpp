@@ -96,7 +96,7 @@ void* debug_mode_malloc(size_t size, const char* file, int line) {
   if (!header) {
     report_oom(0, size, nullptr);
     log_vek_error("vekMalloc(size[%d]): running out of memory(memory[%d(%d)] handle[%d] maxblock[%d])  %s(%u)\n",
-                  (int)size, (int)get(g_size), (int)get(g_size_max), (int)get(g_block), (int)get(g_block_max), file,
+                  (int)size, (int)get(g_size), (int)get(g_size_max), (int)block_count(), (int)get(g_block_max), file,
                   (unsigned)line);
     return nullptr;
   }
@@ -135,7 +135,7 @@ void* debug_mode_realloc(void* ptr, size_t size, const char* file, int line) {
       link_block(old_header);
     }
     log_vek_error("vekMalloc(size[%d]): running out of memory(memory[%d(%d)] handle[%d] maxblock[%d])\n", (int)size,
-                  (int)get(g_size), (int)get(g_size_max), (int)get(g_block), (int)get(g_block_max));
+                  (int)get(g_size), (int)get(g_size_max), (int)block_count(), (int)get(g_block_max));
     return nullptr;
   }
   fill_header(header, 1, size, file, line);
