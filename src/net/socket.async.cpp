@@ -5,10 +5,13 @@
 //
 // The thread waits with epoll rather than select, so descriptors of any
 // number work and a wait costs nothing per idle socket. The walk still goes
-// through the slots in slot order and stops once it has served as many
-// entries as the wait reported ready, so callers see the same order, the
-// same statuses and the same inactivity rule (tested only in passes with
-// activity) as a select loop would give them. Per-slot readiness and
+// through the slots in slot order, so callers see the same order, the same
+// statuses and the same inactivity rule (tested only in passes with
+// activity) as a select loop would give them. The walk ends once every
+// reported socket was served, unless some socket has an inactivity limit:
+// then it visits every slot, so that an idle socket is noticed at the next
+// pass with activity wherever it sits, and a timed-out socket its owner
+// keeps cannot use up a pass and starve the ready sockets behind it. Per-slot readiness and
 // deadlines live in a compact array beside obj_list so that the walk over
 // idle slots touches little memory.
 #include <sys/epoll.h>
@@ -77,6 +80,7 @@ struct _SOCK_ASYNC_WORKER {
   char name[kNameCapacity];
   int socket_count;  // registered sockets + 1: slot 0 is never used
   int socket_max;
+  int timed_count;             // registered sockets with an inactivity limit
   std::atomic<int> set_count;  // descriptors armed; read by the thread without mux
   int fd_max;                  // highest descriptor ever armed
   int timeout;
@@ -210,6 +214,7 @@ void unregister(_SOCK_ASYNC_WORKER* w, _SOCK_ASYNC_OBJ* e) {
   }
   w->obj_list[last] = nullptr;
   w->slots[last] = SlotState{kNoDeadline, 0, 0};
+  if (e->timeout > 0) --w->timed_count;
   __atomic_store_n(async_handle_field(e->async_mode, socket_of(e)), nullptr, __ATOMIC_RELEASE);
   if (w->in_callback == e) w->in_callback_removed = true;
   _vekFree(e, kSource, __LINE__);
@@ -263,6 +268,7 @@ int add_socket(void* handle, int mode, void* socket, int timeout, socket_async_c
   w->obj_list[e->async_index] = e;
   w->slots[e->async_index] = SlotState{deadline_after(e->last_activity, timeout), 0, 0};
   ++w->socket_count;
+  if (timeout > 0) ++w->timed_count;
   rc = arm(w, e);
   if (rc != 0) unregister(w, e);
   return rc;
@@ -359,9 +365,9 @@ int due_status(const SlotState& slot, uint32_t pass, long long now) {
 void walk_slots(_SOCK_ASYNC_WORKER* w, int ready) {
   const uint32_t pass = w->pass;
   long long now = time_now();
-  int served = 0;
+  int served = 0;  // reported sockets called so far
   int i = 1;
-  while (i < w->socket_count && served < ready) {
+  while (i < w->socket_count && (served < ready || w->timed_count > 0)) {
     int status = due_status(w->slots[i], pass, now);
     _SOCK_ASYNC_OBJ* e = w->obj_list[i];
     if (status == 1 || e->served_pass == pass) {
@@ -369,7 +375,7 @@ void walk_slots(_SOCK_ASYNC_WORKER* w, int ready) {
       continue;
     }
     e->served_pass = pass;
-    ++served;
+    if (w->slots[i].ready_pass == pass) ++served;
     if (status == 0) {
       e->last_activity = now;
       w->slots[i].deadline = deadline_after(now, e->timeout);
