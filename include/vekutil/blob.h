@@ -51,7 +51,8 @@ VEK_API int blob_clear(void* handle);
  * is all of it); 0 changes nothing; length > 0 only ever extends len up to
  * length (at most size), without growing or zeroing. Returns the new len. */
 VEK_API int blob_truncate(void* handle, int length);
-/* Appends a whole file. ERR_FILE_OPEN (-7082) when it cannot be opened. */
+/* Appends a whole file. ERR_FILE_OPEN (-7082) when it cannot be opened; a
+ * failed append (ERR_NO_MEMORY) stops the read and is returned. */
 VEK_API int blob_file2blob(void* blob, const char* filename);
 
 /* Array use: record_size bytes per record (records are placed by count, so

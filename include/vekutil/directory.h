@@ -41,12 +41,16 @@ VEK_API int directory_foreach(const char* name, int recursive, directory_fefunc 
 /* mkdir with permission bits 0771: 0 or the positive errno value. */
 VEK_API int directory_create(const char* name);
 /* Creates every missing ancestor of name and then name; existing ones are
- * fine. 0, or ERR_INVALID_PARAMETER / ERR_NO_MEMORY. */
+ * fine. 0 when name is a directory at the end; else the positive errno of
+ * creating it (ENOTDIR when something else is in its place), or
+ * ERR_INVALID_PARAMETER / ERR_NO_MEMORY. */
 VEK_API int directory_create_recursive(const char* name);
 /* rmdir with its own result (0, or -1 with errno). */
 VEK_API int directory_delete(const char* name);
-/* Deletes everything below name, then name. A symbolic link is removed, not
- * followed. Returns the negative result of listing, else 0. */
+/* Deletes everything below name, then name. Symbolic links are removed,
+ * never followed, also when one is swapped in for a directory during the
+ * walk: nothing outside the tree is touched. ERR_SYSTEM when name cannot be
+ * opened, else 0. */
 VEK_API int directory_delete_recursive(const char* name);
 
 VEK_END_DECLS

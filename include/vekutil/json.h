@@ -7,9 +7,9 @@
  *
  * Nesting: documents and trees may nest at most JSON_MAX_DEPTH arrays and
  * objects deep. json_Parse returns NULL for deeper text, and the printers
- * return NULL for a deeper tree or for a reference that makes a cycle, so a
- * hostile document can never exhaust the stack: at the limit, parsing and
- * printing take some 100 KiB of stack (about twice that in a debug build).
+ * return NULL for a deeper tree or for a reference that makes a cycle.
+ * Parsing, printing and deleting do not recurse: they take a small, fixed
+ * amount of stack whatever the depth (a 32 KiB thread stack is enough).
  *
  * No function takes a lock: a tree is used by one thread at a time. */
 #ifndef VEKUTIL_JSON_H

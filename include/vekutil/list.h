@@ -26,7 +26,7 @@ VEK_API int list_insert_at_tail(void* handle, void* e);
 VEK_API int list_insert_at_head(void* handle, void* e);
 VEK_API int list_insert_at_index(void* handle, void* e, int index);
 
-/* Lookup. The by-key forms need the index and take no lock. */
+/* Lookup. The by-key forms need the index; all take the read lock. */
 VEK_API void* list_find_by_hash(void* handle, long long hash);
 VEK_API void* list_find_by_object(void* handle, const void* e);
 VEK_API void* list_find_by_index(void* handle, int index);

@@ -18,9 +18,11 @@ typedef void (*thread_pool_put_scheduled_work_callback)(const char* who, void** 
                                                         thread_pool_callback func, void* a, void* b, void* c);
 typedef void (*thread_pool_end_scheduled_work_callback)(void* handle);
 
-/* Starts minthreads workers at once and lets the pool grow to maxthreads.
- * stack_size is ignored: workers always get 32768 bytes. *pool stays unset
- * if the pool cannot be built. */
+/* Starts minthreads workers at once and lets the pool grow to maxthreads;
+ * never more than maxthreads workers are alive. A worker that keeps finding
+ * nothing more to do while the pool is above minthreads ends. Workers get a
+ * stack of stack_size bytes when that is above 32768, else 256 KiB. *pool
+ * stays unset if the pool cannot be built. */
 VEK_API void thread_pool_init(void** pool, int minthreads, int maxthreads, int stack_size);
 VEK_API void thread_pool_init2(void** pool, thread_pool_put_work_callback put_callback,
                                thread_pool_put_scheduled_work_callback put_sch_callback,
@@ -30,16 +32,22 @@ VEK_API void thread_pool_init2(void** pool, thread_pool_put_work_callback put_ca
  * negative code. who names the caller for a forwarding pool. */
 VEK_API int thread_pool_put_work(void* pool, const char* who, thread_pool_callback func, void* a, void* b, void* c);
 /* Runs func interval ms from now and, if repeat is non-zero, every interval
- * ms after that. *handle (if given) receives the handle for cancelling. */
+ * ms after that. *handle (if given) receives the handle for cancelling.
+ *
+ * Handle lifetime: the handle is a number, not the address of anything, and
+ * stays safe to pass to thread_pool_end_scheduled_work for the whole life of
+ * the pool: before, during or after a run, once or many times. The pool
+ * frees the work itself as soon as it no longer needs it: one-shot work
+ * after its run, cancelled work at once (or after the run that is under way),
+ * and whatever is left at thread_pool_uninit. */
 VEK_API int thread_pool_put_scheduled_work(void* pool, const char* who, void** handle, int interval, int repeat,
                                            thread_pool_callback func, void* a, void* b, void* c);
-/* Cancels scheduled work: a run that is already due may still happen. A
- * cancelled handle stays valid (it may be cancelled again); a one-shot
- * handle is gone once its work has run. */
+/* Cancels scheduled work: a run that is already queued or under way may
+ * still happen, no later one does. Returns 0 also for work that has already
+ * ended; ERR_INVALID_PARAMETER for a NULL handle. */
 VEK_API int thread_pool_end_scheduled_work(void* pool, void* handle);
-/* Ends every worker and the scheduler, releases work that never ran and
- * frees the pool; waits for running work to finish. The schedule's tree
- * (with any work still scheduled) and its scheduled event stay allocated. */
+/* Ends every worker and the scheduler, releases work that never ran, the
+ * schedule and the pool; waits for running work to finish. */
 VEK_API void thread_pool_uninit(void* pool);
 
 VEK_END_DECLS

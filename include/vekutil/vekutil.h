@@ -45,6 +45,8 @@
 #include <vekutil/tcp.h>
 #include <vekutil/stcp.h>
 #include <vekutil/udp.h>
+#include <vekutil/socket.async.h>
+#include <vekutil/ftp.server.h>
 #include <vekutil/statsd.h>
 #include <vekutil/syslog.h>
 #include <vekutil/ftp.h>

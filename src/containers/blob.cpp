@@ -6,6 +6,7 @@
 
 #include <climits>
 #include <cstdarg>
+#include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
@@ -66,10 +67,21 @@ inline void copy_bytes(char* dst, const char* src, size_t n) {
   }
 }
 
+// Grows like blob_grow, for a copy from *data: a source inside the blob's
+// own buffer is followed to where the buffer moved.
+int grow_for_copy(_BLOB* b, long long needed, const void** data) {
+  const char* src = static_cast<const char*>(*data);
+  const bool inside = src && src >= b->buffer && src < b->buffer + b->size;
+  const std::ptrdiff_t offset = inside ? src - b->buffer : 0;
+  const int rc = blob_grow(b, needed);
+  if (rc == 0 && inside) *data = b->buffer + offset;
+  return rc;
+}
+
 // The append that needs growth, zero bytes or refuses its length.
 [[gnu::noinline]] int append_slow(_BLOB* b, const void* data, int data_len) {
   if (data_len < 0) return ERR_INVALID_PARAMETER;
-  const int rc = blob_grow(b, data_len);
+  const int rc = grow_for_copy(b, data_len, &data);
   if (rc != 0) return rc;
   if (data)
     copy_bytes(b->buffer + b->len, static_cast<const char*>(data), static_cast<size_t>(data_len));
@@ -240,9 +252,10 @@ int blob_file2blob(void* blob, const char* filename) {
   if (!fp) return ERR_FILE_OPEN;
   char block[1024];
   size_t got;
-  while ((got = std::fread(block, 1, sizeof block, fp)) > 0) blob_append(blob, block, static_cast<int>(got));
+  int rc = 0;
+  while (rc == 0 && (got = std::fread(block, 1, sizeof block, fp)) > 0) rc = blob_append(blob, block, static_cast<int>(got));
   std::fclose(fp);
-  return 0;
+  return rc;
 }
 
 int blob_array_init(void* handle, int record_size) {
@@ -258,11 +271,12 @@ int blob_array_push(void* handle, void* data) {
   const long long end = (static_cast<long long>(b->array_cur) + 1) * b->array_length;
   // Room both for the record at its slot and for len to advance by one
   // record (the two coincide while the blob holds only records).
+  const void* record = data;
   while (b->size < end || b->unused < b->array_length) {
-    const int rc = blob_grow(b, 2LL * b->size);
+    const int rc = grow_for_copy(b, 2LL * b->size, &record);
     if (rc != 0) return rc;
   }
-  std::memcpy(b->buffer + (end - b->array_length), data, static_cast<size_t>(b->array_length));
+  std::memmove(b->buffer + (end - b->array_length), record, static_cast<size_t>(b->array_length));
   b->len += b->array_length;
   b->unused -= b->array_length;
   return ++b->array_cur;
@@ -288,7 +302,7 @@ int blob_array_set(void* handle, int index, void* buffer) {
   if (const int rc = array_blob(handle, &b); rc != 0) return rc;
   char* record = record_at(b, index);
   if (!record || !buffer) return ERR_INVALID_PARAMETER;
-  std::memcpy(record, buffer, static_cast<size_t>(b->array_length));
+  std::memmove(record, buffer, static_cast<size_t>(b->array_length));
   return 0;
 }
 

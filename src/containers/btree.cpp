@@ -19,6 +19,7 @@
 
 #include "core/instrumented.hpp"
 #include "core/internal.hpp"
+#include "core/scoped_lock.hpp"
 
 #define BTREE_SOURCE "src/btree.c"
 
@@ -122,33 +123,6 @@ struct Path {
     slot[depth] = s;
     ++depth;
   }
-};
-
-// ---------------------------------------------------------------- locking
-
-// Holds the tree's read or write lock for a scope; a tree without a lock is
-// always "held". keep() hands a held read lock over to the caller.
-class TreeLock {
- public:
-  enum Mode { kRead, kWrite };
-  TreeLock(Tree* t, Mode mode, int line) : lock_(t->lock) {
-    if (!lock_) return;
-    int rc = mode == kRead ? _rwlock_readlock(lock_, BTREE_SOURCE, line)
-                           : _rwlock_writelock(lock_, BTREE_SOURCE, line);
-    held_ = rc == 0;
-  }
-  ~TreeLock() {
-    if (lock_ && held_) rwlock_unlock(lock_);
-  }
-  TreeLock(const TreeLock&) = delete;
-  TreeLock& operator=(const TreeLock&) = delete;
-
-  bool held() const { return !lock_ || held_; }
-  void keep() { held_ = false; }
-
- private:
-  void* lock_;
-  bool held_ = false;
 };
 
 // ---------------------------------------------------------------- lookup
@@ -543,7 +517,7 @@ template <class Locate>
 void* delete_where(Tree* t, Locate locate) {
   void* elem = nullptr;
   {
-    TreeLock lock(t, TreeLock::kWrite, __LINE__);
+    vek::ScopedLock lock(t->lock, BTREE_SOURCE, __LINE__, vek::ScopedLock::kWrite);
     if (!lock.held()) return nullptr;
     Path path;
     if (locate(path)) {
@@ -559,7 +533,7 @@ void* delete_where(Tree* t, Locate locate) {
 // with the read lock still held.
 template <class Find>
 void* find_locked(Tree* t, int options, int line, Find find) {
-  TreeLock lock(t, TreeLock::kRead, line);
+  vek::ScopedLock lock(t->lock, BTREE_SOURCE, line, vek::ScopedLock::kRead);
   if (!lock.held()) return nullptr;
   void* elem = find();
   if (elem && (options & BTREE_OPTION_KEEP_READLOCK)) lock.keep();
@@ -569,7 +543,7 @@ void* find_locked(Tree* t, int options, int line, Find find) {
 // The shared bodies of the exported calls, so that one entry point never
 // goes through another's (interposable) symbol.
 void* insert_hash(Tree* t, void* e, long long hash) {
-  TreeLock lock(t, TreeLock::kWrite, __LINE__);
+  vek::ScopedLock lock(t->lock, BTREE_SOURCE, __LINE__, vek::ScopedLock::kWrite);
   if (!lock.held()) return nullptr;
   void* result = insert_locked(t, e, hash);
   if (result == e) publish_count(t);
@@ -662,7 +636,7 @@ void btree_delete(void* handle) {
 void btree_clear(void* handle) {
   Tree* t = static_cast<Tree*>(handle);
   if (!t) return;
-  TreeLock lock(t, TreeLock::kWrite, __LINE__);
+  vek::ScopedLock lock(t->lock, BTREE_SOURCE, __LINE__, vek::ScopedLock::kWrite);
   if (!lock.held()) return;
   free_subtree(t->root, t->free_func);
   t->root = nullptr;
@@ -723,7 +697,7 @@ void* btree_find_by_index(void* handle, int index) {
 int btree_index_by_hash(void* handle, long long hash) {
   Tree* t = static_cast<Tree*>(handle);
   if (!t) return ERR_INVALID_HANDLE;
-  TreeLock lock(t, TreeLock::kRead, __LINE__);
+  vek::ScopedLock lock(t->lock, BTREE_SOURCE, __LINE__, vek::ScopedLock::kRead);
   if (!lock.held()) return -1;
   return position_of_key(t, hash);
 }
@@ -737,7 +711,7 @@ void* btree_find_less_by_hash(void* handle, long long hash) {
 void* btree_find_by_func(void* handle, btree_comparer func, void* custom) {
   Tree* t = static_cast<Tree*>(handle);
   if (!t || !func) return nullptr;
-  TreeLock lock(t, TreeLock::kRead, __LINE__);
+  vek::ScopedLock lock(t->lock, BTREE_SOURCE, __LINE__, vek::ScopedLock::kRead);
   if (!lock.held()) return nullptr;
   void* last_match = nullptr;
   auto visit = [&](long long, void* elem) {
@@ -750,14 +724,14 @@ void* btree_find_by_func(void* handle, btree_comparer func, void* custom) {
 int btree_count(void* handle) {
   Tree* t = static_cast<Tree*>(handle);
   if (!t) return ERR_INVALID_HANDLE;
-  TreeLock lock(t, TreeLock::kRead, __LINE__);
+  vek::ScopedLock lock(t->lock, BTREE_SOURCE, __LINE__, vek::ScopedLock::kRead);
   return tree_size(t);
 }
 
 void btree_foreach(void* handle, btree_fefunc func, void* args) {
   Tree* t = static_cast<Tree*>(handle);
   if (!t || !func) return;
-  TreeLock lock(t, TreeLock::kRead, __LINE__);
+  vek::ScopedLock lock(t->lock, BTREE_SOURCE, __LINE__, vek::ScopedLock::kRead);
   if (!lock.held()) return;
   auto visit = [&](long long, void* elem) { func(elem, args); };
   walk(t->root, visit);
@@ -766,7 +740,7 @@ void btree_foreach(void* handle, btree_fefunc func, void* args) {
 void btree_foreach_ex(void* handle, btree_fefunc_ex func, void* args) {
   Tree* t = static_cast<Tree*>(handle);
   if (!t || !func) return;
-  TreeLock lock(t, TreeLock::kRead, __LINE__);
+  vek::ScopedLock lock(t->lock, BTREE_SOURCE, __LINE__, vek::ScopedLock::kRead);
   if (!lock.held()) return;
   auto visit = [&](long long hash, void* elem) { func(hash, elem, args); };
   walk(t->root, visit);

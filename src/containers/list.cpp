@@ -7,6 +7,7 @@
 #include <vekutil/rwlock.h>
 
 #include "core/internal.hpp"
+#include "core/scoped_lock.hpp"
 
 #define LIST_SOURCE "src/list.c"
 
@@ -35,28 +36,6 @@ using Node = _LIST_NODE;
 // The index has no lock of its own and is listed in the registry like every
 // tree; the list releases the elements itself.
 constexpr int kIndexOptions = BTREE_OPTION_NO_LOCK;
-
-// Holds the list's read or write lock for a scope (always "held" without one).
-class ListLock {
- public:
-  enum Mode { kRead, kWrite };
-  ListLock(const List* l, Mode mode, int line) : lock_(l->lock) {
-    if (!lock_) return;
-    int rc = mode == kRead ? _rwlock_readlock(lock_, LIST_SOURCE, line) : _rwlock_writelock(lock_, LIST_SOURCE, line);
-    held_ = rc == 0;
-  }
-  ~ListLock() {
-    if (lock_ && held_) rwlock_unlock(lock_);
-  }
-  ListLock(const ListLock&) = delete;
-  ListLock& operator=(const ListLock&) = delete;
-
-  bool held() const { return !lock_ || held_; }
-
- private:
-  void* lock_;
-  bool held_ = false;
-};
 
 // count is read without the lock (list_count, list_itr_get), so it is
 // always written and read atomically.
@@ -148,7 +127,7 @@ int insert_where(void* handle, void* e, Position position) {
   if (!n) return ERR_NO_MEMORY;
   int rc = 0;
   {
-    ListLock lock(l, ListLock::kWrite, __LINE__);
+    vek::ScopedLock lock(l->lock, LIST_SOURCE, __LINE__, vek::ScopedLock::kWrite);
     int index = position(l);
     if (!lock.held()) {
       rc = ERR_SYSTEM;
@@ -164,7 +143,7 @@ int insert_where(void* handle, void* e, Position position) {
 }
 
 int delete_hash(List* l, long long hash) {
-  ListLock lock(l, ListLock::kWrite, __LINE__);
+  vek::ScopedLock lock(l->lock, LIST_SOURCE, __LINE__, vek::ScopedLock::kWrite);
   if (!lock.held()) return ERR_SYSTEM;
   Node* n = node_with_hash(l, hash);
   if (!n) return ERR_NOT_FOUND;
@@ -225,20 +204,26 @@ int list_insert_at_index(void* handle, void* e, int index) {
   return insert_where(handle, e, [index](const List*) { return index; });
 }
 
+// The index has no lock of its own: lookups read it under the list's read
+// lock, since inserts and deletions change it under the write lock.
 void* list_find_by_hash(void* handle, long long hash) {
   List* l = static_cast<List*>(handle);
-  return l && l->search_btree ? btree_find_by_hash(l->search_btree, hash) : nullptr;
+  if (!l || !l->search_btree) return nullptr;
+  vek::ScopedLock lock(l->lock, LIST_SOURCE, __LINE__, vek::ScopedLock::kRead);
+  return lock.held() ? btree_find_by_hash(l->search_btree, hash) : nullptr;
 }
 
 void* list_find_by_object(void* handle, const void* e) {
   List* l = static_cast<List*>(handle);
-  return l && l->search_btree ? btree_find_by_object(l->search_btree, e) : nullptr;
+  if (!l || !l->search_btree) return nullptr;
+  vek::ScopedLock lock(l->lock, LIST_SOURCE, __LINE__, vek::ScopedLock::kRead);
+  return lock.held() ? btree_find_by_object(l->search_btree, e) : nullptr;
 }
 
 void* list_find_by_index(void* handle, int index) {
   List* l = static_cast<List*>(handle);
   if (!l) return nullptr;
-  ListLock lock(l, ListLock::kRead, __LINE__);
+  vek::ScopedLock lock(l->lock, LIST_SOURCE, __LINE__, vek::ScopedLock::kRead);
   if (!lock.held()) return nullptr;
   Node* n = node_at(l, index);
   return n ? n->element : nullptr;
@@ -252,7 +237,7 @@ int list_count(void* handle) {
 int list_delete_by_index(void* handle, int index) {
   List* l = static_cast<List*>(handle);
   if (!l) return ERR_INVALID_HANDLE;
-  ListLock lock(l, ListLock::kWrite, __LINE__);
+  vek::ScopedLock lock(l->lock, LIST_SOURCE, __LINE__, vek::ScopedLock::kWrite);
   if (!lock.held()) return ERR_SYSTEM;
   Node* n = node_at(l, index);
   if (!n) return ERR_INVALID_PARAMETER;
@@ -278,7 +263,7 @@ int list_delete_by_object(void* handle, const void* e) {
 void list_foreach(void* handle, list_fefunc func, void* args) {
   List* l = static_cast<List*>(handle);
   if (!l || !func) return;
-  ListLock lock(l, ListLock::kRead, __LINE__);
+  vek::ScopedLock lock(l->lock, LIST_SOURCE, __LINE__, vek::ScopedLock::kRead);
   if (!lock.held()) return;
   for (Node* n = l->head; n; n = n->next) func(n->element, args);
 }
@@ -287,7 +272,7 @@ int list_itr_get(void* handle, void** iterator, int index) {
   List* l = static_cast<List*>(handle);
   if (!l) return ERR_INVALID_HANDLE;
   if (!iterator || index < 0 || index >= read_count(l)) return ERR_INVALID_PARAMETER;
-  ListLock lock(l, ListLock::kRead, __LINE__);
+  vek::ScopedLock lock(l->lock, LIST_SOURCE, __LINE__, vek::ScopedLock::kRead);
   if (!lock.held()) return ERR_SYSTEM;
   Node* n = node_at(l, index);  // the list may have shrunk meanwhile
   *iterator = n;

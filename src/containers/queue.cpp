@@ -17,6 +17,7 @@
 
 #include "core/instrumented.hpp"
 #include "core/internal.hpp"
+#include "core/scoped_lock.hpp"
 
 void* g_queue_instrument_handle = nullptr;
 
@@ -45,18 +46,6 @@ struct _QUEUE_OBJECT {
 
 _QUEUE_OBJECT* as_queue(void* handle) { return static_cast<_QUEUE_OBJECT*>(handle); }
 const _QUEUE_OBJECT* as_queue(const void* handle) { return static_cast<const _QUEUE_OBJECT*>(handle); }
-
-// Holds the queue's mutex for one scope; every exit path releases it.
-class Locked {
- public:
-  explicit Locked(const _QUEUE_OBJECT* q) : lock_(q->lock) { _mutex_lock(lock_, kSource, __LINE__); }
-  ~Locked() { _mutex_unlock(lock_, kSource, __LINE__); }
-  Locked(const Locked&) = delete;
-  Locked& operator=(const Locked&) = delete;
-
- private:
-  void* lock_;
-};
 
 bool has_limit(const _QUEUE_OBJECT* q) { return q->max_size >= 0; }
 
@@ -149,7 +138,7 @@ void render_row(const void* item, JSON* row) {
   const _QUEUE_OBJECT* q = as_queue(item);
   int count;
   {
-    Locked guard(q);
+    vek::ScopedLock guard(q->lock, kSource, __LINE__);
     count = q->count;
   }
   json_AddItemToArray(row, json_CreateString(text_or_empty(q->created_by_file)));
@@ -164,7 +153,7 @@ void add_number_text(JSON* object, const char* key, int value) {
 
 void render_detail(const void* item, JSON* object) {
   const _QUEUE_OBJECT* q = as_queue(item);
-  Locked guard(q);
+  vek::ScopedLock guard(q->lock, kSource, __LINE__);
   json_AddItemToObject(object, "Name", json_CreateString(text_or_empty(q->name)));
   add_number_text(object, "Count", q->count);
   add_number_text(object, "Max Size", q->max_size);
@@ -229,7 +218,7 @@ int queue_delete(void* handle) {
 int queue_put(void* handle, void* item) {
   _QUEUE_OBJECT* q = as_queue(handle);
   if (!q) return ERR_INVALID_HANDLE;
-  Locked guard(q);
+  vek::ScopedLock guard(q->lock, kSource, __LINE__);
   if (has_limit(q) && q->count >= q->max_size) return ERR_QUEUE_FULL;
   if (q->count == q->cur_size) {
     const int rc = grow(q);
@@ -251,13 +240,13 @@ int queue_get(void* handle, void** item, long timeout) {
   *item = nullptr;
   {
     // Items waiting: the event is open and the wait would pass at once.
-    Locked guard(q);
+    vek::ScopedLock guard(q->lock, kSource, __LINE__);
     if (q->count > 0) return take_oldest(q, item);
   }
   const int wait_ms = event_timeout(timeout);
   for (;;) {
     const int rc = _event_wait(q->evt, wait_ms, kSource, __LINE__);
-    Locked guard(q);
+    vek::ScopedLock guard(q->lock, kSource, __LINE__);
     if (q->count > 0) return take_oldest(q, item);
     // Woken, but another consumer was first: wait again.
     if (rc == 0) continue;
@@ -269,14 +258,14 @@ int queue_get(void* handle, void** item, long timeout) {
 int queue_count(void* handle) {
   _QUEUE_OBJECT* q = as_queue(handle);
   if (!q) return ERR_INVALID_HANDLE;
-  Locked guard(q);
+  vek::ScopedLock guard(q->lock, kSource, __LINE__);
   return q->count;
 }
 
 int queue_set_max_size(void* handle, int max_size) {
   _QUEUE_OBJECT* q = as_queue(handle);
   if (!q) return ERR_INVALID_HANDLE;
-  Locked guard(q);
+  vek::ScopedLock guard(q->lock, kSource, __LINE__);
   q->max_size = max_size;
   return 0;
 }
@@ -286,7 +275,7 @@ int queue_set_name(void* handle, const char* name) {
   if (!q) return ERR_INVALID_HANDLE;
   char* copy = nullptr;
   if (name && !(copy = clone_string(name, -1))) return ERR_NO_MEMORY;
-  Locked guard(q);
+  vek::ScopedLock guard(q->lock, kSource, __LINE__);
   if (q->name) _vekFree(q->name, kSource, __LINE__);
   q->name = copy;
   return 0;
@@ -296,7 +285,7 @@ int queue_set_callbacks(void* handle, queue_on_item_callback next_item, queue_on
                         void* custom) {
   _QUEUE_OBJECT* q = as_queue(handle);
   if (!q) return ERR_INVALID_HANDLE;
-  Locked guard(q);
+  vek::ScopedLock guard(q->lock, kSource, __LINE__);
   if (next_item) q->cb_on_next_item = next_item;
   if (next_item_after_error) q->cb_on_next_item_after_error = next_item_after_error;
   q->cb_custom = custom;
@@ -306,7 +295,7 @@ int queue_set_callbacks(void* handle, queue_on_item_callback next_item, queue_on
 int queue_set_flag(void* handle) {
   _QUEUE_OBJECT* q = as_queue(handle);
   if (!q) return ERR_INVALID_HANDLE;
-  Locked guard(q);
+  vek::ScopedLock guard(q->lock, kSource, __LINE__);
   q->options |= QUEUE_STATE_FLAG_RAISED;
   return 0;
 }
@@ -314,7 +303,7 @@ int queue_set_flag(void* handle) {
 int queue_get_flag(void* handle) {
   _QUEUE_OBJECT* q = as_queue(handle);
   if (!q) return ERR_INVALID_HANDLE;
-  Locked guard(q);
+  vek::ScopedLock guard(q->lock, kSource, __LINE__);
   if (!(q->options & QUEUE_STATE_FLAG_RAISED)) return 0;
   q->options = (q->options & ~QUEUE_STATE_FLAG_RAISED) | QUEUE_STATE_FLAG_ACKED;
   return 1;
@@ -324,7 +313,7 @@ int queue_get_flag(void* handle) {
 int queue_clr_flag(void* handle) {
   _QUEUE_OBJECT* q = as_queue(handle);
   if (!q) return ERR_INVALID_HANDLE;
-  Locked guard(q);
+  vek::ScopedLock guard(q->lock, kSource, __LINE__);
   if (q->count > 0) return ERR_QUEUE_NOT_EMPTY;
   q->options &= ~(QUEUE_STATE_FLAG_RAISED | QUEUE_STATE_FLAG_ACKED);
   return 0;

@@ -12,6 +12,7 @@
 #include <vekutil/mutex.h>
 
 #include "core/internal.hpp"
+#include "core/scoped_lock.hpp"
 
 #define INSTRUMENT_SOURCE "src/instrument.c"
 
@@ -39,18 +40,6 @@ using Group = _INSTRUMENT_HANDLE;
 // group's mutex serves) and never listed itself.
 constexpr int kGroupTreeOptions = BTREE_OPTION_NO_LOCK | BTREE_OPTION_NO_INSTRUMENT;
 constexpr int kGroupMutexOptions = MUTEX_OPT_NO_INSTRUMENT;
-
-class GroupLock {
- public:
-  GroupLock(Group* g, int line) : g_(g), line_(line) { _mutex_lock(g_->mux, INSTRUMENT_SOURCE, line_); }
-  ~GroupLock() { _mutex_unlock(g_->mux, INSTRUMENT_SOURCE, line_); }
-  GroupLock(const GroupLock&) = delete;
-  GroupLock& operator=(const GroupLock&) = delete;
-
- private:
-  Group* g_;
-  int line_;
-};
 
 inline bool disabled() { return g_vek_instrument_disable != 0; }
 
@@ -103,7 +92,7 @@ int instrument_add(void* handle, void* item) {
   {
     // Looked up first: inserting the same item again would hand back the
     // item itself, indistinguishable from a fresh insertion.
-    GroupLock lock(g, __LINE__);
+    vek::ScopedLock lock(g->mux, INSTRUMENT_SOURCE, __LINE__);
     exists = btree_find_by_object(g->btree, item) != nullptr;
     if (!exists) filed = btree_insert(g->btree, item);
   }
@@ -120,7 +109,7 @@ int instrument_remove(void* handle, void* item) {
   if (!g || !item) return ERR_INVALID_PARAMETER;
   void* removed;
   {
-    GroupLock lock(g, __LINE__);
+    vek::ScopedLock lock(g->mux, INSTRUMENT_SOURCE, __LINE__);
     removed = btree_delete_by_object(g->btree, item);
   }
   if (!removed) {
@@ -134,7 +123,7 @@ int instrument_count(void* handle) {
   if (disabled()) return ERR_DISABLED;
   Group* g = static_cast<Group*>(handle);
   if (!g) return ERR_INVALID_PARAMETER;
-  GroupLock lock(g, __LINE__);
+  vek::ScopedLock lock(g->mux, INSTRUMENT_SOURCE, __LINE__);
   return btree_count(g->btree);
 }
 
@@ -142,7 +131,7 @@ int instrument_list(void* handle, JSON** json) {
   if (disabled()) return ERR_DISABLED;
   Group* g = static_cast<Group*>(handle);
   if (!g || !json) return ERR_INVALID_PARAMETER;
-  GroupLock lock(g, __LINE__);
+  vek::ScopedLock lock(g->mux, INSTRUMENT_SOURCE, __LINE__);
   JSON* list = json_CreateArray();
   JSON* header = json_CreateArray();
   json_AddItemToArray(header, json_CreateString("Hash"));
@@ -158,7 +147,7 @@ int instrument_detail(void* handle, long long hash, JSON** json) {
   if (disabled()) return ERR_DISABLED;
   Group* g = static_cast<Group*>(handle);
   if (!g || !json) return ERR_INVALID_PARAMETER;
-  GroupLock lock(g, __LINE__);
+  vek::ScopedLock lock(g->mux, INSTRUMENT_SOURCE, __LINE__);
   void* item = btree_find_by_hash(g->btree, hash);
   if (!item) return ERR_NOT_FOUND;
   JSON* detail = json_CreateObject();

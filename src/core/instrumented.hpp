@@ -10,6 +10,7 @@
 #include <vekutil/strutil.h>
 
 #include "core/internal.hpp"
+#include "core/scoped_lock.hpp"
 
 namespace vek {
 
@@ -22,7 +23,7 @@ inline void* lazy_instrument_group(void** slot, const char* name, instrument_hea
   void* group = __atomic_load_n(slot, __ATOMIC_ACQUIRE);
   if (group) return group;
   static pthread_mutex_t init = PTHREAD_MUTEX_INITIALIZER;
-  PthreadLock once(init);
+  ScopedLock once(init);
   group = __atomic_load_n(slot, __ATOMIC_ACQUIRE);
   if (!group) {
     instrument_create(&group, name, header, list, detail);

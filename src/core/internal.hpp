@@ -32,19 +32,6 @@ inline void release(T*& p, const char* file, int line) {
   p = nullptr;
 }
 
-// Scoped lock on a raw pthread mutex, for the few places that cannot use the
-// library's own instrumented mutex (the mutex module itself, bootstrapping).
-class PthreadLock {
- public:
-  explicit PthreadLock(pthread_mutex_t& m) : m_(m) { pthread_mutex_lock(&m_); }
-  ~PthreadLock() { pthread_mutex_unlock(&m_); }
-  PthreadLock(const PthreadLock&) = delete;
-  PthreadLock& operator=(const PthreadLock&) = delete;
-
- private:
-  pthread_mutex_t& m_;
-};
-
 // Copies at most cap-1 bytes of src into dst and always terminates it.
 inline void copy_name(char* dst, size_t cap, const char* src) {
   if (cap == 0) return;

@@ -1,5 +1,7 @@
 // The process log: one time-stamped entry per internal failure, at most
 // about 32 KB per run, older logs rolled into ten numbered generations.
+#include <pthread.h>
+
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
@@ -8,6 +10,7 @@
 #include <vekutil/file.h>
 
 #include "core/internal.hpp"
+#include "core/scoped_lock.hpp"
 
 FILE* g_log_file = nullptr;
 vek_log_err_func g_vek_log_err_func = nullptr;
@@ -19,11 +22,11 @@ constexpr long kCutOffSize = 32768;  // past this position logging stops
 constexpr int kGenerations = 10;
 constexpr size_t kNameSize = 147;    // log names longer than this are cut
 
-// g_log_file is read by every logging thread and cleared by the one that
-// hits the cut-off; atomic accesses keep that free of data races while the
-// global stays a plain FILE* for applications.
-FILE* log_stream() { return __atomic_load_n(&g_log_file, __ATOMIC_ACQUIRE); }
-void set_log_stream(FILE* f) { __atomic_store_n(&g_log_file, f, __ATOMIC_RELEASE); }
+// Entries are written, and the stream closed at the cut-off, under one lock:
+// a thread that closes the stream can never pull it from under another one
+// that is still writing. Logging is rare (failures only), so the lock costs
+// nothing that matters.
+pthread_mutex_t g_log_lock = PTHREAD_MUTEX_INITIALIZER;
 
 void write_time_stamp(FILE* f) {
   time_t now = time(nullptr);
@@ -34,17 +37,21 @@ void write_time_stamp(FILE* f) {
   fprintf(f, "%s ", stamp);
 }
 
-void generation_name(char (&name)[kNameSize], const char* filename, int generation) {
-  snprintf(name, kNameSize, "%s.%d", filename, generation);
+// False when the name does not fit: a cut name could be the log itself.
+bool generation_name(char (&name)[kNameSize], const char* filename, int generation) {
+  const int needed = snprintf(name, kNameSize, "%s.%d", filename, generation);
+  return needed >= 0 && static_cast<size_t>(needed) < kNameSize;
 }
 
 }  // namespace
 
 void log_vek_error(const char* format, ...) {
-  FILE* f = log_stream();
+  vek::ScopedLock lock(g_log_lock);
+  FILE* f = g_log_file;
   if (!f) return;
   if (ftell(f) > kCutOffSize) {
-    set_log_stream(nullptr);  // left open: another thread may still be writing
+    g_log_file = nullptr;
+    fclose(f);
     return;
   }
   write_time_stamp(f);
@@ -64,7 +71,12 @@ void _log_roll(FILE** file, const char* filename) {
   vek::copy_name(base, kNameSize, filename);
   char from[kNameSize];
   char to[kNameSize];
-  generation_name(to, filename, kGenerations);
+  // The highest generation has the longest name: when it does not fit, no
+  // roll takes place and the current log is kept and appended to.
+  if (!generation_name(to, filename, kGenerations)) {
+    *file = fopen(filename, "a");
+    return;
+  }
   file_delete(to);  // a missing file is no error
   for (int i = kGenerations; i >= 2; --i) {
     generation_name(from, filename, i - 1);
@@ -87,6 +99,7 @@ int vekLogInit(const char* filename, vek_log_err_func func) {
   write_time_stamp(f);
   fprintf(f, "==========================Log Started==========================\n");
   fflush(f);
-  set_log_stream(f);
+  vek::ScopedLock lock(g_log_lock);
+  g_log_file = f;
   return 0;
 }

@@ -99,5 +99,5 @@ char* vekStrdup(const char* str) { return g_vek_memory_funcs.strdupFunc(str); }
 
 long long vekMemoryUsed(void) { return (long long)get(g_size); }
 long long vekMemoryUsedMax(void) { return (long long)get(g_size_max); }
-long long vekMemoryBlockUsed(void) { return (long long)get(g_block); }
+long long vekMemoryBlockUsed(void) { return (long long)block_count(); }
 long long vekMemoryBlockUsedMax(void) { return (long long)get(g_block_max); }

@@ -11,6 +11,7 @@
 
 #include "core/hexdump.internal.hpp"
 #include "core/memory.internal.hpp"
+#include "core/scoped_lock.hpp"
 
 // Head of the live list, newest block first. Changed only under
 // g_memory_mutex (or before it exists, while the process is single-threaded).
@@ -23,24 +24,6 @@ constexpr size_t kHeader = VEK_MEMORY_HDR_SIZE;
 constexpr size_t kDumpedBytes = 32;  // data bytes shown per block in the report
 
 static_assert(VEK_MEMORY_HDR_SIZE % 16 == 0, "the caller's memory must keep malloc's alignment");
-
-// Holds g_memory_mutex for a scope. Before vekMemoryInit has made the mutex
-// there is nothing to lock; the process is still single-threaded then.
-class ListLock {
- public:
-  explicit ListLock(int line) : mutex_(g_memory_mutex), line_(line) {
-    if (mutex_) _mutex_lock(mutex_, kSource, line_);
-  }
-  ~ListLock() {
-    if (mutex_) _mutex_unlock(mutex_, kSource, line_);
-  }
-  ListLock(const ListLock&) = delete;
-  ListLock& operator=(const ListLock&) = delete;
-
- private:
-  void* mutex_;
-  int line_;
-};
 
 VEK_MEMORY_HDR* header_of(void* data) {
   return reinterpret_cast<VEK_MEMORY_HDR*>(static_cast<char*>(data) - kHeader);
@@ -113,13 +96,13 @@ void* debug_mode_malloc(size_t size, const char* file, int line) {
   if (!header) {
     report_oom(0, size, nullptr);
     log_vek_error("vekMalloc(size[%d]): running out of memory(memory[%d(%d)] handle[%d] maxblock[%d])  %s(%u)\n",
-                  (int)size, (int)get(g_size), (int)get(g_size_max), (int)get(g_block), (int)get(g_block_max), file,
+                  (int)size, (int)get(g_size), (int)get(g_size_max), (int)block_count(), (int)get(g_block_max), file,
                   (unsigned)line);
     return nullptr;
   }
   fill_header(header, 0, size, file, line);
   {
-    ListLock lock(__LINE__);
+    vek::ScopedLock lock(g_memory_mutex, kSource, __LINE__);
     link_block(header);
     raise_to(g_size_max, get(g_size));
     raise_to(g_block_max, size);
@@ -137,21 +120,27 @@ void* debug_mode_realloc(void* ptr, size_t size, const char* file, int line) {
   VEK_MEMORY_HDR* old_header = header_of(ptr);
   set_tag(old_header, VEK_MEMORY_TAG_FREED);
   {
-    ListLock lock(__LINE__);
+    vek::ScopedLock lock(g_memory_mutex, kSource, __LINE__);
     unlink_block(old_header);
     raise_to(g_size_max, get(g_size));
   }
   auto* header =
       too_big(size) ? nullptr : static_cast<VEK_MEMORY_HDR*>(g_vek_memory_funcs.reallocFunc(old_header, size + kHeader));
   if (!header) {
-    // The old block stays allocated but is no longer accounted for.
+    // realloc left the old block as it was: it stays valid, linked and
+    // counted, so the caller can still use and release it.
+    set_tag(old_header, VEK_MEMORY_TAG_LIVE);
+    {
+      vek::ScopedLock lock(g_memory_mutex, kSource, __LINE__);
+      link_block(old_header);
+    }
     log_vek_error("vekMalloc(size[%d]): running out of memory(memory[%d(%d)] handle[%d] maxblock[%d])\n", (int)size,
-                  (int)get(g_size), (int)get(g_size_max), (int)get(g_block), (int)get(g_block_max));
+                  (int)get(g_size), (int)get(g_size_max), (int)block_count(), (int)get(g_block_max));
     return nullptr;
   }
   fill_header(header, 1, size, file, line);
   {
-    ListLock lock(__LINE__);
+    vek::ScopedLock lock(g_memory_mutex, kSource, __LINE__);
     link_block(header);  // the peaks are left alone on this path
   }
   return data_of(header);
@@ -172,7 +161,7 @@ void debug_mode_free(void* ptr, const char* file, int line) {
   set_tag(header, VEK_MEMORY_TAG_FREED);
   std::memset(ptr, 0xFF, header->mh_size);  // the standard memset, not the table's
   {
-    ListLock lock(__LINE__);
+    vek::ScopedLock lock(g_memory_mutex, kSource, __LINE__);
     unlink_block(header);
   }
   // Always the standard free: a replaced table must hand out memory it accepts.
@@ -224,7 +213,7 @@ int vekMemoryDump(const char* file, int /*option*/) {
   std::fputs("BLOCK, ADDRESS, TIME, SIZE, TYPE, LOCATION, DUMP \n", out);
   int result = 0;
   {
-    ListLock lock(__LINE__);
+    vek::ScopedLock lock(g_memory_mutex, kSource, __LINE__);
     unsigned index = 0;
     for (VEK_MEMORY_HDR* h = memlist; h; h = h->mh_next, ++index) {
       if (!write_block_line(out, index, h)) {
@@ -239,7 +228,7 @@ int vekMemoryDump(const char* file, int /*option*/) {
 
 void vekMemoryDumpForeach(vek_memory_dump_func callback, void* custom) {
   if (!callback) return;
-  ListLock lock(__LINE__);
+  vek::ScopedLock lock(g_memory_mutex, kSource, __LINE__);
   int index = 0;
   for (VEK_MEMORY_HDR* h = memlist; h; h = h->mh_next, ++index)
     callback(index, h->mh_time, h, data_of(h), (int)h->mh_size, h->mh_file, (int)h->mh_line, (int)h->mh_type,
@@ -250,7 +239,7 @@ void vekMemoryDumpForeach(vek_memory_dump_func callback, void* custom) {
 // stale or made-up address is answered with ERR_CORRUPTED instead of a fault.
 int vekMemoryShow(long address, unsigned char** buf, int* len) {
   if (!buf || !len) return ERR_INVALID_PARAMETER;
-  ListLock lock(__LINE__);  // recursive: the copy below may allocate under it
+  vek::ScopedLock lock(g_memory_mutex, kSource, __LINE__);  // recursive: the copy below may allocate under it
   VEK_MEMORY_HDR* header = memlist;
   while (header && (long)(intptr_t)header != address) header = header->mh_next;
   if (!header || !is_live(header)) return ERR_CORRUPTED;

@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstring>
 #include <dirent.h>
+#include <fcntl.h>
 #include <fnmatch.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -87,28 +88,97 @@ void visit_entry(const char* path, int recursive, directory_fefunc func, void* c
   fileinfo_delete(info);
 }
 
-int delete_entry(const char* path, void* info, void*) {
-  if (fileinfo_isdirectory(info) == 1 && !is_symlink(path))
-    directory_delete_recursive(path);  // already emptied by the walk
-  else
-    file_delete(path);
-  return 0;
+// One directory being emptied by the recursive delete: its open stream and
+// its name in the parent (null for the top).
+struct OpenDirectory {
+  DIR* dir;
+  char* name;
+};
+
+// The directories being emptied, innermost last, in a block that grows as
+// the walk goes deeper (never one stack frame per level).
+class DirectoryStack {
+ public:
+  DirectoryStack() = default;
+  ~DirectoryStack() {
+    while (count_ > 0) pop();
+    _vekFree(items_, kSource, __LINE__);
+  }
+  DirectoryStack(const DirectoryStack&) = delete;
+  DirectoryStack& operator=(const DirectoryStack&) = delete;
+
+  bool empty() const { return count_ == 0; }
+  OpenDirectory& top() { return items_[count_ - 1]; }
+
+  // Takes over dir; false (and dir closed) when there is no room.
+  bool push(DIR* dir, const char* name) {
+    char* copy = name ? clone_string(name, -1) : nullptr;
+    if ((name && !copy) || !reserve()) {
+      _vekFree(copy, kSource, __LINE__);
+      closedir(dir);
+      return false;
+    }
+    items_[count_++] = {dir, copy};
+    return true;
+  }
+
+  void pop() {
+    OpenDirectory& d = items_[--count_];
+    closedir(d.dir);
+    _vekFree(d.name, kSource, __LINE__);
+  }
+
+ private:
+  bool reserve() {
+    if (count_ < capacity_) return true;
+    const size_t capacity = capacity_ ? capacity_ * 2 : 16;
+    void* grown = items_ ? _vekRealloc(items_, capacity * sizeof(OpenDirectory), kSource, __LINE__)
+                         : _vekMalloc(capacity * sizeof(OpenDirectory), kSource, __LINE__);
+    if (!grown) return false;
+    items_ = static_cast<OpenDirectory*>(grown);
+    capacity_ = capacity;
+    return true;
+  }
+
+  OpenDirectory* items_ = nullptr;
+  size_t count_ = 0;
+  size_t capacity_ = 0;
+};
+
+// Opens a directory below parent without following a symbolic link, so the
+// walk can never leave the tree, whatever is swapped in meanwhile.
+DIR* open_subdirectory(int parent, const char* name) {
+  const int fd = openat(parent, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK);
+  if (fd < 0) return nullptr;
+  DIR* dir = fdopendir(fd);
+  if (!dir) close(fd);
+  return dir;
 }
 
-// The walk skips entries it cannot describe; a link whose target is gone is
-// one of them and would keep its directory from being removed.
-void delete_dangling_links(const char* name) {
-  char** names = nullptr;
-  if (directory_query2(name, nullptr, &names) <= 0) {
-    if (names) free_list(names);
-    return;
+// Empties the tree whose top is open in the stack: every entry is removed
+// relative to its parent's descriptor; a directory is entered, emptied and
+// then removed. Anything that is not a directory (links included) is
+// unlinked, never followed.
+void empty_tree(DirectoryStack& open) {
+  while (!open.empty()) {
+    OpenDirectory& current = open.top();
+    const int fd = dirfd(current.dir);
+    const dirent* entry = readdir(current.dir);
+    if (!entry) {
+      char* name = current.name;
+      current.name = nullptr;
+      open.pop();
+      if (name && !open.empty()) unlinkat(dirfd(open.top().dir), name, AT_REMOVEDIR);
+      _vekFree(name, kSource, __LINE__);
+      continue;
+    }
+    if (is_dot_or_dotdot(entry->d_name)) continue;
+    if (DIR* sub = open_subdirectory(fd, entry->d_name)) {
+      open.push(sub, entry->d_name);  // no room: that subtree stays
+      continue;
+    }
+    unlinkat(fd, entry->d_name, 0);
   }
-  for (char** entry = names; *entry; ++entry) {
-    char* path = join_path(name, *entry);
-    if (path && is_symlink(path)) file_delete(path);
-    _vekFree(path, kSource, __LINE__);
-  }
-  free_list(names);
 }
 
 }  // namespace
@@ -203,9 +273,13 @@ int directory_create_recursive(const char* name) {
     directory_create(path);
     path[i] = '/';
   }
-  directory_create(path);
+  int rc = directory_create(path);
+  if (rc == EEXIST) {
+    struct stat st;
+    rc = stat(path, &st) == 0 && S_ISDIR(st.st_mode) ? 0 : ENOTDIR;
+  }
   _vekFree(path, kSource, __LINE__);
-  return 0;
+  return rc;
 }
 
 int directory_delete(const char* name) {
@@ -218,14 +292,17 @@ int directory_delete(const char* name) {
 
 int directory_delete_recursive(const char* name) {
   if (!name) return ERR_INVALID_PARAMETER;
-  if (is_symlink(name)) {  // the link goes, never what it points to
-    file_delete(name);
-    return 0;
+  DIR* top = open_subdirectory(AT_FDCWD, name);
+  if (!top) {
+    if (errno != ELOOP && errno != ENOTDIR) return ERR_SYSTEM;
+    // A link (or a file): it goes, never what it points to.
+    return unlink(name) == 0 ? 0 : ERR_SYSTEM;
   }
-  int rc = directory_foreach(name, 1, delete_entry, nullptr);
-  if (rc == 0) delete_dangling_links(name);
+  DirectoryStack open;
+  if (!open.push(top, nullptr)) return ERR_NO_MEMORY;
+  empty_tree(open);
   rmdir(name);
-  return rc < 0 ? rc : 0;
+  return 0;
 }
 
 }  // extern "C"

@@ -10,6 +10,7 @@
 // exponent, and scales once by a power of ten built by repeated squaring.
 #include <vekutil/convert.h>
 
+#include <cmath>
 #include <cstdint>
 #include <limits>
 #include <type_traits>
@@ -229,7 +230,11 @@ int convert_floating(F* value, const char* str, char** endptr) {
   using Scale = typename Traits::Scale;
   const Scale scale = power_of_ten<Scale, Traits::kSquares>(static_cast<unsigned>(exponent < 0 ? -exponent : exponent));
   const Scale scaled = exponent < 0 ? static_cast<Scale>(m) / scale : static_cast<Scale>(m) * scale;
-  *value = static_cast<F>(scaled);
+  // Within the written exponent limits a value may still lie beyond the
+  // largest F ("1e50" as a float): that is a range error, never infinity.
+  const F result = static_cast<F>(scaled);
+  if (!std::isfinite(result)) return ERR_CONVERT_RANGE;
+  *value = result;
   if (endptr) *endptr = const_cast<char*>(reinterpret_cast<const char*>(p));
   return 0;
 }

@@ -1,5 +1,8 @@
-// JSON parser: text to a tree of JSON nodes, by recursive descent with a
-// bounded nesting depth. No routine ever reads past the terminating zero.
+// JSON parser: text to a tree of JSON nodes. Arrays and objects nest through
+// an explicit stack of open containers, not through recursion, so parsing
+// takes a small, fixed amount of the thread's stack whatever the depth (which
+// is still bounded by JSON_MAX_DEPTH). No routine ever reads past the
+// terminating zero.
 #include <charconv>
 #include <cmath>
 #include <cstdint>
@@ -11,9 +14,8 @@ using namespace vek::json;
 
 namespace {
 
-// One parse: the current nesting depth and the first place that failed.
+// One parse: the first place that failed.
 struct Parser {
-  int depth = 0;
   const char* error = nullptr;
 
   const char* fail(const char* at) {
@@ -21,8 +23,6 @@ struct Parser {
     return nullptr;
   }
 };
-
-const char* value_at(Parser& p, JSON* item, const char* text);
 
 inline const char* skip_space(const char* in) {
   while (static_cast<unsigned char>(*in - 1) < 32) ++in;  // bytes 1..32
@@ -274,56 +274,20 @@ JSON* append_new(JSON* parent, JSON* prev) {
   return child;
 }
 
-// One object member: key, ':', value. Returns the position after the value
-// and the whitespace behind it.
-const char* member_at(Parser& p, JSON* member, const char* text) {
+// An object member's key and the ':' after it; returns the position of its
+// value.
+const char* key_at(Parser& p, JSON* member, const char* text) {
   text = string_at(p, member, skip_space(text));
   if (!text) return nullptr;
   member->string = member->valuestring;
   member->valuestring = nullptr;
   text = skip_space(text);
   if (*text != ':') return p.fail(text);
-  text = value_at(p, member, skip_space(text + 1));
-  return text ? skip_space(text) : nullptr;
+  return skip_space(text + 1);
 }
 
-// Arrays and objects share their shape: open, members separated by ',',
-// close. Members made before a failure stay linked, for the caller to free.
-template <bool IsObject>
-const char* container_at(Parser& p, JSON* item, const char* text) {
-  constexpr char kOpen = IsObject ? '{' : '[';
-  constexpr char kClose = IsObject ? '}' : ']';
-  if (*text != kOpen) return p.fail(text);
-  item->type = IsObject ? JSON_OBJECT : JSON_ARRAY;
-  if (++p.depth > JSON_MAX_DEPTH) return p.fail(text);
-  text = skip_space(text + 1);
-  if (*text == kClose) {
-    --p.depth;
-    return text + 1;
-  }
-  JSON* last = nullptr;
-  for (;;) {
-    JSON* child = append_new(item, last);
-    if (!child) return p.fail(text);
-    if constexpr (IsObject) {
-      text = member_at(p, child, text);
-    } else {
-      text = value_at(p, child, skip_space(text));
-      if (text) text = skip_space(text);
-    }
-    if (!text) return nullptr;
-    if (*text == kClose) {
-      --p.depth;
-      return text + 1;
-    }
-    if (*text != ',') return p.fail(text);
-    ++text;
-    last = child;
-  }
-}
-
-const char* value_at(Parser& p, JSON* item, const char* text) {
-  if (!text) return nullptr;
+// Everything but arrays and objects.
+const char* scalar_at(Parser& p, JSON* item, const char* text) {
   switch (*text) {
     case 'n':
       if (std::strncmp(text, "null", 4) != 0) break;
@@ -339,13 +303,68 @@ const char* value_at(Parser& p, JSON* item, const char* text) {
       item->valueint = 1;
       return text + 4;
     case '"': return string_at(p, item, text);
-    case '[': return container_at<false>(p, item, text);
-    case '{': return container_at<true>(p, item, text);
     default:
       if (*text == '-' || is_digit(*text)) return number_at(item, text);
       break;
   }
   return p.fail(text);
+}
+
+// An array or object being filled: its node and its last child so far.
+struct OpenContainer {
+  JSON* node;
+  JSON* last;
+  bool is_object;
+};
+
+inline char closing(bool is_object) { return is_object ? '}' : ']'; }
+
+// Parses the value at text into item and returns the position after it.
+// A container pushes itself and goes on with its first child; a complete
+// value closes containers or moves on to the next sibling. Members made
+// before a failure stay linked, for the caller to free with the root.
+// `expect`, when set, is the character the value must start with.
+const char* value_at(Parser& p, JSON* item, const char* text, char expect = 0) {
+  if (!text) return nullptr;
+  if (expect && *text != expect) return p.fail(text);
+  FrameStack<OpenContainer> open;
+  for (;;) {
+    if (*text == '[' || *text == '{') {
+      const bool is_object = *text == '{';
+      item->type = is_object ? JSON_OBJECT : JSON_ARRAY;
+      if (open.size() >= JSON_MAX_DEPTH) return p.fail(text);
+      text = skip_space(text + 1);
+      if (*text != closing(is_object)) {
+        JSON* child = append_new(item, nullptr);
+        if (!child || !open.push({item, child, is_object})) return p.fail(text);
+        if (is_object && !(text = key_at(p, child, text))) return nullptr;
+        item = child;
+        continue;
+      }
+      ++text;  // empty
+    } else if (!(text = scalar_at(p, item, text))) {
+      return nullptr;
+    }
+    // A value is complete.
+    for (;;) {
+      if (open.empty()) return text;
+      text = skip_space(text);
+      OpenContainer& c = open.top();
+      if (*text == closing(c.is_object)) {
+        ++text;
+        open.pop();
+        continue;
+      }
+      if (*text != ',') return p.fail(text);
+      JSON* child = append_new(c.node, c.last);
+      if (!child) return p.fail(text);
+      c.last = child;
+      text = c.is_object ? key_at(p, child, text + 1) : skip_space(text + 1);
+      if (!text) return nullptr;
+      item = child;
+      break;
+    }
+  }
 }
 
 }  // namespace
@@ -359,12 +378,12 @@ const char* parse_value(JSON* item, const char* value) {
 
 const char* parse_object(JSON* item, const char* value) {
   Parser p;
-  return item && value ? container_at<true>(p, item, value) : nullptr;
+  return item && value ? value_at(p, item, value, '{') : nullptr;
 }
 
 const char* parse_array(JSON* item, const char* value) {
   Parser p;
-  return item && value ? container_at<false>(p, item, value) : nullptr;
+  return item && value ? value_at(p, item, value, '[') : nullptr;
 }
 
 const char* parse_string(JSON* item, const char* str) {

@@ -1,6 +1,8 @@
 // JSON printer: a tree back to text, compact or formatted. Everything is
-// appended to one growing buffer; the nesting depth is bounded and a
-// reference that leads back into its own ancestry is refused.
+// appended to one growing buffer. Containers nest through an explicit stack,
+// not recursion, so printing takes a small, fixed amount of the thread's
+// stack; the nesting depth is bounded and a reference that leads back into
+// its own ancestry is refused.
 #include <cfloat>
 #include <cmath>
 #include <cstdint>
@@ -14,8 +16,7 @@ using namespace vek::json;
 
 namespace {
 
-// The text being produced, plus the chains of the containers being printed
-// (to recognise a reference cycle).
+// The text being produced.
 class Output {
  public:
   Output() = default;
@@ -60,19 +61,6 @@ class Output {
     return text;
   }
 
-  // Called on the way into an array or object; false beyond the nesting
-  // limit or when a reference leads back to a container being printed.
-  bool enter(const JSON* item) {
-    if (nesting_ >= JSON_MAX_DEPTH) return false;
-    if (is_reference(item) && item->child) {
-      for (int i = 0; i < nesting_; ++i)
-        if (open_[i] == item->child) return false;
-    }
-    open_[nesting_++] = item->child;
-    return true;
-  }
-  void leave() { --nesting_; }
-
  private:
   bool grow(size_t n) {
     size_t want = cap_ ? cap_ * 2 : 256;
@@ -80,22 +68,11 @@ class Output {
     return resize(want);
   }
 
-  // Gives the text a block of the given size; on failure buf_ stays a valid
-  // block we own. A failed realloc keeps the old block in default mode, but
-  // the accounting allocator in debug mode disowns it, so there the text
-  // is moved by hand.
+  // Gives the text a block of the given size; on failure buf_ stays the
+  // valid block it was.
   bool resize(size_t size) {
-    if (!g_vek_memory_debug) {
-      char* block = static_cast<char*>(_vekRealloc(buf_, size, kSource, __LINE__));
-      if (!block) return false;
-      buf_ = block;
-      cap_ = size;
-      return true;
-    }
-    char* block = static_cast<char*>(_vekMalloc(size, kSource, __LINE__));
+    char* block = static_cast<char*>(_vekRealloc(buf_, size, kSource, __LINE__));
     if (!block) return false;
-    if (len_) std::memcpy(block, buf_, len_ < size ? len_ : size);
-    vek::release(buf_, kSource, __LINE__);
     buf_ = block;
     cap_ = size;
     return true;
@@ -104,8 +81,6 @@ class Output {
   char* buf_ = nullptr;
   size_t len_ = 0;
   size_t cap_ = 0;
-  int nesting_ = 0;
-  const JSON* open_[JSON_MAX_DEPTH];
 };
 
 // ---------------------------------------------------------------- numbers
@@ -266,48 +241,92 @@ bool write_string(Output& o, const char* text) {
 
 // ---------------------------------------------------------------- containers
 
-bool write_value(Output& o, const JSON* item, int depth, bool fmt);
+// An array or object being printed: the node, the child printed last
+// (null before the first) and the indentation depth of the node.
+struct OpenContainer {
+  const JSON* node;
+  const JSON* last;
+  int depth;
+  bool is_object;
+};
 
-// Arrays stay on one line in both layouts.
-bool write_array(Output& o, const JSON* item, int depth, bool fmt) {
-  if (!o.enter(item)) return false;
-  bool ok = o.put('[');
-  for (const JSON* c = item->child; ok && c; c = c->next) {
-    ok = write_value(o, c, depth + 1, fmt);
-    if (ok && c->next) ok = fmt ? o.put(", ", 2) : o.put(',');
-  }
-  o.leave();
-  return ok && o.put(']');
+// False beyond the nesting limit, or for a reference that leads back to a
+// container being printed (its children are an open container's children).
+bool may_open(const FrameStack<OpenContainer>& open, const JSON* item) {
+  if (open.size() >= JSON_MAX_DEPTH) return false;
+  if (is_reference(item) && item->child)
+    for (int i = 0; i < open.size(); ++i)
+      if (open[i].node->child == item->child) return false;
+  return true;
 }
 
-// Formatted objects put each member on its own line, indented with tabs,
-// with a tab between key and value.
-bool write_object(Output& o, const JSON* item, int depth, bool fmt) {
-  if (!o.enter(item)) return false;
-  bool ok = fmt ? o.put("{\n", 2) : o.put('{');
-  for (const JSON* c = item->child; ok && c; c = c->next) {
-    if (fmt) ok = o.put_tabs(depth + 1);
-    ok = ok && write_string(o, c->string) && (fmt ? o.put(":\t", 2) : o.put(':'));
-    ok = ok && write_value(o, c, depth + 1, fmt);
-    if (ok && c->next) ok = o.put(',');
-    if (ok && fmt) ok = o.put('\n');
-  }
-  o.leave();
-  if (fmt && ok) ok = o.put_tabs(depth);
-  return ok && o.put('}');
-}
-
-bool write_value(Output& o, const JSON* item, int depth, bool fmt) {
+bool write_scalar(Output& o, const JSON* item) {
   switch (type_of(item)) {
     case JSON_FALSE: return o.put("false", 5);
     case JSON_TRUE: return o.put("true", 4);
     case JSON_NULL: return o.put("null", 4);
     case JSON_NUMBER: return write_number(o, item);
     case JSON_STRING: return write_string(o, item->valuestring);
-    case JSON_ARRAY: return write_array(o, item, depth, fmt);
-    case JSON_OBJECT: return write_object(o, item, depth, fmt);
     default: return false;
   }
+}
+
+// What comes before a member's value: formatted objects put each member on
+// its own line, indented with tabs, with a tab between key and value.
+bool write_key(Output& o, const JSON* member, int depth, bool fmt) {
+  if (fmt && !o.put_tabs(depth)) return false;
+  return write_string(o, member->string) && (fmt ? o.put(":\t", 2) : o.put(':'));
+}
+
+// Moves to the next child of the innermost open container, writing the
+// separator; closes the containers that are done. Returns the next value to
+// print, or null when the tree is done (*ok tells whether all went well).
+const JSON* next_value(Output& o, FrameStack<OpenContainer>& open, bool fmt, bool* ok) {
+  while (!open.empty()) {
+    OpenContainer& c = open.top();
+    const JSON* next = c.last ? c.last->next : c.node->child;
+    if (c.last) {
+      if (c.is_object)
+        *ok = (!next || o.put(',')) && (!fmt || o.put('\n'));
+      else if (next)
+        *ok = fmt ? o.put(", ", 2) : o.put(',');
+      if (!*ok) return nullptr;
+    }
+    if (next) {
+      c.last = next;
+      if (c.is_object && !(*ok = write_key(o, next, c.depth + 1, fmt))) return nullptr;
+      return next;
+    }
+    const int depth = c.depth;
+    const bool is_object = c.is_object;
+    open.pop();
+    if (is_object && fmt && !(*ok = o.put_tabs(depth))) return nullptr;
+    if (!(*ok = o.put(is_object ? '}' : ']'))) return nullptr;
+  }
+  return nullptr;
+}
+
+// Prints the tree at root; `as` forces the kind of the root (an array or
+// object printer called on any node), 0 takes it from the node.
+bool write_tree(Output& o, const JSON* root, int depth, bool fmt, int as = 0) {
+  FrameStack<OpenContainer> open;
+  const JSON* item = root;
+  int item_depth = depth;
+  while (item) {
+    const int type = item == root && as ? as : type_of(item);
+    if (type == JSON_ARRAY || type == JSON_OBJECT) {
+      const bool is_object = type == JSON_OBJECT;
+      if (!may_open(open, item) || !open.push({item, nullptr, item_depth, is_object})) return false;
+      if (!(is_object && fmt ? o.put("{\n", 2) : o.put(is_object ? '{' : '['))) return false;
+    } else if (!write_scalar(o, item)) {
+      return false;
+    }
+    bool ok = true;
+    item = next_value(o, open, fmt, &ok);
+    if (!ok) return false;
+    if (item) item_depth = open.top().depth + 1;
+  }
+  return true;
 }
 
 }  // namespace
@@ -315,19 +334,19 @@ bool write_value(Output& o, const JSON* item, int depth, bool fmt) {
 char* print_value(JSON* item, int depth, int fmt) {
   if (!item) return nullptr;
   Output o;
-  return o.take(write_value(o, item, depth, fmt != 0));
+  return o.take(write_tree(o, item, depth, fmt != 0));
 }
 
 char* print_object(JSON* item, int depth, int fmt) {
   if (!item) return nullptr;
   Output o;
-  return o.take(write_object(o, item, depth, fmt != 0));
+  return o.take(write_tree(o, item, depth, fmt != 0, JSON_OBJECT));
 }
 
 char* print_array(JSON* item, int depth, int fmt) {
   if (!item) return nullptr;
   Output o;
-  return o.take(write_array(o, item, depth, fmt != 0));
+  return o.take(write_tree(o, item, depth, fmt != 0, JSON_ARRAY));
 }
 
 char* print_number(JSON* item) {

@@ -30,6 +30,7 @@
 
 #include "core/instrumented.hpp"
 #include "core/internal.hpp"
+#include "core/scoped_lock.hpp"
 #include "net/net.internal.hpp"
 
 void* g_socket_btree = nullptr;
@@ -75,7 +76,7 @@ pthread_mutex_t g_peer_lock = PTHREAD_MUTEX_INITIALIZER;
 void set_peer(ABSTRACT_SOCKET* s, char* peer) {
   char* old;
   {
-    vek::PthreadLock guard(g_peer_lock);
+    vek::ScopedLock guard(g_peer_lock);
     old = s->peer;
     s->peer = peer;
   }
@@ -95,7 +96,7 @@ void* registry() {
   void* tree = __atomic_load_n(&g_socket_btree, __ATOMIC_ACQUIRE);
   if (tree) return tree;
   static pthread_mutex_t init = PTHREAD_MUTEX_INITIALIZER;
-  vek::PthreadLock once(init);
+  vek::ScopedLock once(init);
   if (!g_socket_btree) {
     _btree_create_ex(&tree, nullptr, nullptr, BTREE_OPTION_NO_INSTRUMENT, kSource, __LINE__);
     __atomic_store_n(&g_socket_btree, tree, __ATOMIC_RELEASE);
@@ -308,7 +309,7 @@ void render_header(JSON* row) {
 }
 
 JSON* peer_json(const ABSTRACT_SOCKET* s) {
-  vek::PthreadLock guard(g_peer_lock);
+  vek::ScopedLock guard(g_peer_lock);
   return s->peer ? json_CreateString(s->peer) : json_CreateNull();
 }
 

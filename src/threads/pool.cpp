@@ -1,14 +1,21 @@
 // Thread pool. Detached workers take work items from one queue; the pool
 // starts another worker when a put finds more items queued than workers
-// counted, up to the maximum. A scheduler thread keeps timed work in a B-tree
-// keyed by due time (unique: a taken millisecond pushes the newcomer 1 ms
-// later) and moves each item into the queue when it falls due; repeating work
-// goes back into the schedule after each run.
+// counted, up to the maximum, and a worker that keeps finding nothing to do
+// while the pool is above its minimum ends. A scheduler thread keeps timed
+// work in a B-tree keyed by due time (unique: a taken millisecond pushes the
+// newcomer 1 ms later) and moves each item into the queue when it falls due;
+// repeating work goes back into the schedule after each run.
+//
+// Scheduled work is known to its owner by a serial number, never by address:
+// the pool looks the number up among its live items, so cancelling work that
+// has run and been freed is harmless. Everything about a scheduled item's
+// state (in the schedule, queued, running, cancelled) changes under mux.
 //
 // A pool made by thread_pool_init2 holds only three forwarding targets: no
 // queue, threads or schedule.
 #include <algorithm>
 #include <atomic>
+#include <cstdint>
 #include <new>
 
 #include <vekutil/btree.h>
@@ -21,11 +28,12 @@
 #include <vekutil/timeutil.h>
 
 #include "core/internal.hpp"
+#include "core/scoped_lock.hpp"
+#include "threads/threads.internal.hpp"
 
 namespace {
 
 constexpr const char* kSource = "src/pool.c";
-constexpr int kWorkerStackSize = 32768;
 constexpr int kSchedulerStackSize = 16384;
 constexpr int kIdleRunsTolerated = 10;
 constexpr int kCountedWorkersPollMs = 200;
@@ -34,14 +42,17 @@ constexpr int kSchedulerNapMs = 2000;
 constexpr int kOneShot = -1;
 constexpr int kCancelled = -2;
 constexpr const char* kShutdownWho = "_thread_shutdown_func()";
+constexpr int kTreeOptions = BTREE_OPTION_NO_LOCK | BTREE_OPTION_NO_INSTRUMENT;  // mux guards them
 
 struct _POOL_WORK_ITEM {
   thread_pool_callback pc;
   void* a;
   void* b;
   void* c;
-  std::atomic<int> interval;  // ms between runs; kOneShot; kCancelled (written by any thread)
-  long long next_exec_time;   // due time, ms since the epoch; the key in the schedule
+  int interval;             // ms between runs; kOneShot; kCancelled once cancelled
+  long long next_exec_time;  // due time, ms since the epoch; the key in the schedule
+  long long serial;          // scheduled work: its handle; 0 for plain work
+  bool scheduled;            // in the schedule (not queued, not running)
 };
 
 struct _POOL_OBJECT {
@@ -63,9 +74,12 @@ struct _POOL_OBJECT {
   thread_pool_put_work_callback put_callback;
   thread_pool_put_scheduled_work_callback put_sch_callback;
   thread_pool_end_scheduled_work_callback end_sch_callback;
-  // Shutdown bookkeeping. Every worker thread that exists, counted or not,
-  // must take one shutdown item before the queue can be deleted.
-  int unreleased_workers;         // under mux: workers that have not taken a shutdown item
+  // Scheduled work by serial number (under mux), and the last number given.
+  void* live_items;
+  long long last_serial;
+  // Shutdown bookkeeping. Every worker thread that exists must take one
+  // shutdown item, or end by itself, before the queue can be deleted.
+  int unreleased_workers;         // under mux: workers that have not ended or taken a shutdown item
   int shutdown_items;             // under mux: shutdown items queued and not yet taken
   std::atomic<int> live_workers;  // worker threads that may still touch the pool
 };
@@ -90,17 +104,6 @@ T* make_record(int line) {
 
 void release(void* p, int line) { _vekFree(p, kSource, line); }
 
-class Locked {
- public:
-  explicit Locked(const _POOL_OBJECT* po) : mux_(po->mux) { _mutex_lock(mux_, kSource, __LINE__); }
-  ~Locked() { _mutex_unlock(mux_, kSource, __LINE__); }
-  Locked(const Locked&) = delete;
-  Locked& operator=(const Locked&) = delete;
-
- private:
-  void* mux_;
-};
-
 _POOL_WORK_ITEM* make_item(thread_pool_callback func, void* a, void* b, void* c, int interval) {
   auto* item = make_record<_POOL_WORK_ITEM>(__LINE__);
   if (!item) return nullptr;
@@ -108,19 +111,31 @@ _POOL_WORK_ITEM* make_item(thread_pool_callback func, void* a, void* b, void* c,
   item->a = a;
   item->b = b;
   item->c = c;
-  item->interval.store(interval, std::memory_order_relaxed);
+  item->interval = interval;
   return item;
 }
+
+void* handle_of(const _POOL_WORK_ITEM* item) { return reinterpret_cast<void*>(static_cast<intptr_t>(item->serial)); }
+long long serial_of(void* handle) { return static_cast<long long>(reinterpret_cast<intptr_t>(handle)); }
 
 // Files the item under its due time (mux held). A due time that is taken
 // moves the item 1 ms later until it fits. False if the tree cannot store it.
 bool file_in_schedule(_POOL_OBJECT* po, _POOL_WORK_ITEM* item) {
   for (;;) {
     void* holder = btree_insert_with_hash(po->sch_btree, item, item->next_exec_time);
-    if (holder == item) return true;
+    if (holder == item) {
+      item->scheduled = true;
+      return true;
+    }
     if (!holder) return false;
     ++item->next_exec_time;
   }
+}
+
+// Scheduled work the pool no longer needs: forgotten and freed (mux held).
+void retire_item(_POOL_OBJECT* po, _POOL_WORK_ITEM* item) {
+  btree_delete_by_hash(po->live_items, item->serial);
+  release(item, __LINE__);
 }
 
 // ---------------------------------------------------------------- workers
@@ -147,11 +162,13 @@ bool start_worker(_POOL_OBJECT* po, int id) {
 
 // A put that left more items queued than workers counted starts one more
 // worker, numbered after the counted ones. A pool that is shutting down
-// starts none: every worker it has is about to be ended.
+// starts none: every worker it has is about to be ended. Workers that are
+// still ending count against the maximum until they are gone.
 void add_worker_for(_POOL_OBJECT* po, int depth) {
-  Locked guard(po);
+  vek::ScopedLock guard(po->mux, kSource, __LINE__);
   const int id = po->cur_threads.load();
   if (po->is_shutdown.load() || depth <= id || id >= po->max_threads) return;
+  if (po->unreleased_workers >= po->max_threads) return;
   if (!start_worker(po, id)) return;
   po->cur_threads.fetch_add(1);
   ++po->threads_created;
@@ -162,7 +179,7 @@ void add_worker_for(_POOL_OBJECT* po, int depth) {
 void end_worker(_POOL_WORKER_OBJECT* worker, _POOL_WORK_ITEM* shutdown_item) {
   _POOL_OBJECT* po = worker->po;
   {
-    Locked guard(po);
+    vek::ScopedLock guard(po->mux, kSource, __LINE__);
     if (shutdown_item) {
       po->cur_threads.fetch_sub(1);
       --po->shutdown_items;
@@ -174,33 +191,47 @@ void end_worker(_POOL_WORKER_OBJECT* worker, _POOL_WORK_ITEM* shutdown_item) {
   po->live_workers.fetch_sub(1, std::memory_order_release);
 }
 
-// A worker that keeps finding the queue empty while the pool is above its
-// minimum stops being counted (it goes on running), which lets a later put
-// start a fresh one.
-void account_idle_run(_POOL_OBJECT* po, int& idle_runs) {
+// A worker that keeps finding the queue empty after its runs while the pool
+// is above its minimum stops being counted and ends: true when this worker
+// is to end now. A later put starts a fresh worker when work piles up.
+bool retire_when_idle(_POOL_OBJECT* po, int& idle_runs) {
   if (po->queue_depth.load(std::memory_order_relaxed) != 0 || po->cur_threads.load() <= po->min_threads) {
     idle_runs = 0;
-    return;
+    return false;
   }
-  if (idle_runs++ <= po->thread_idle_count) return;
-  Locked guard(po);
-  if (po->cur_threads.load() > po->min_threads) po->cur_threads.fetch_sub(1);
+  if (idle_runs++ <= po->thread_idle_count) return false;
+  vek::ScopedLock guard(po->mux, kSource, __LINE__);
+  if (po->cur_threads.load() <= po->min_threads) return false;
+  po->cur_threads.fetch_sub(1);
+  return true;
 }
 
-// Puts repeating work back into the schedule: a punctual job keeps its
-// cadence, a late one counts from now.
-void reschedule(_POOL_OBJECT* po, _POOL_WORK_ITEM* item, int interval) {
+// Scheduled work taken from the queue: false when it was cancelled meanwhile
+// (it is freed then); else it is marked as running.
+bool claim_scheduled(_POOL_OBJECT* po, _POOL_WORK_ITEM* item) {
+  vek::ScopedLock guard(po->mux, kSource, __LINE__);
+  if (item->interval != kCancelled) return true;
+  retire_item(po, item);
+  return false;
+}
+
+// After a run of scheduled work: repeating work goes back into the schedule,
+// a punctual job keeping its cadence and a late one counting from now; work
+// that ran once or was cancelled during the run is freed.
+void finish_scheduled(_POOL_OBJECT* po, _POOL_WORK_ITEM* item) {
   const long long now = time_now();
-  bool filed;
   {
-    Locked guard(po);
-    item->next_exec_time = std::max(item->next_exec_time, now) + interval;
-    filed = file_in_schedule(po, item);
-  }
-  if (!filed) {
-    log_vek_error("thread_pool(): cannot reschedule work, dropped\n");
-    release(item, __LINE__);
-    return;
+    vek::ScopedLock guard(po->mux, kSource, __LINE__);
+    if (item->interval < 1) {
+      retire_item(po, item);
+      return;
+    }
+    item->next_exec_time = std::max(item->next_exec_time, now) + item->interval;
+    if (!file_in_schedule(po, item)) {
+      log_vek_error("thread_pool(): cannot reschedule work, dropped\n");
+      retire_item(po, item);
+      return;
+    }
   }
   schevent_interrupt(po->sch_schevt);
 }
@@ -220,19 +251,15 @@ void* worker_main(void* arg) {
       end_worker(worker, item);
       return nullptr;
     }
-    // Cancelled: skipped, and kept alive because its owner may still hold
-    // the handle.
-    if (item->interval.load(std::memory_order_relaxed) == kCancelled) {
-      item->interval.store(kOneShot, std::memory_order_relaxed);
-      continue;
-    }
+    const bool scheduled = item->serial != 0;
+    if (scheduled && !claim_scheduled(po, item)) continue;
     item->pc(worker->id, item->a, item->b, item->c);
-    account_idle_run(po, idle_runs);
-    const int interval = item->interval.load(std::memory_order_relaxed);
-    if (interval < 1)
-      release(item, __LINE__);
+    if (scheduled)
+      finish_scheduled(po, item);
     else
-      reschedule(po, item, interval);
+      release(item, __LINE__);
+    worker->current_item = nullptr;
+    if (retire_when_idle(po, idle_runs)) break;
   }
   end_worker(worker, nullptr);
   return nullptr;
@@ -241,20 +268,36 @@ void* worker_main(void* arg) {
 // ---------------------------------------------------------------- scheduler
 
 // Sleeps until the earliest item is due, then moves it into the work queue.
-// An interrupt (new work, shutdown) ends the sleep: the caller looks again.
+// An interrupt (new work, cancelling, shutdown) ends the sleep: the caller
+// looks again. The schedule is read under mux, since cancelling frees items.
 void release_earliest_when_due(_POOL_OBJECT* po) {
-  auto* earliest = static_cast<_POOL_WORK_ITEM*>(btree_find_by_index(po->sch_btree, 0));
-  if (!earliest) return;
-  const long long due = earliest->next_exec_time;
+  long long due;
+  {
+    vek::ScopedLock guard(po->mux, kSource, __LINE__);
+    auto* earliest = static_cast<_POOL_WORK_ITEM*>(btree_find_by_index(po->sch_btree, 0));
+    if (!earliest) return;
+    due = earliest->next_exec_time;
+  }
   if (schevent_waituntil(po->sch_schevt, due) != 0) return;
-  auto* item = static_cast<_POOL_WORK_ITEM*>(btree_delete_by_hash(po->sch_btree, due));
-  if (!item) return;
+  _POOL_WORK_ITEM* item;
+  {
+    vek::ScopedLock guard(po->mux, kSource, __LINE__);
+    item = static_cast<_POOL_WORK_ITEM*>(btree_delete_by_hash(po->sch_btree, due));
+    if (!item) return;
+    item->scheduled = false;
+  }
   const int depth = queue_put(po->queue, item);
   po->queue_depth.store(depth, std::memory_order_relaxed);
   if (depth < 0) {
     log_vek_error("thread_pool_scheduler(): queue_put failed[%d], work dropped\n", depth);
-    release(item, __LINE__);
+    vek::ScopedLock guard(po->mux, kSource, __LINE__);
+    retire_item(po, item);
   }
+}
+
+int schedule_size(_POOL_OBJECT* po) {
+  vek::ScopedLock guard(po->mux, kSource, __LINE__);
+  return btree_count(po->sch_btree);
 }
 
 // Nothing scheduled: a nap that new work or shutdown cuts short, then a
@@ -263,14 +306,14 @@ void wait_for_work(_POOL_OBJECT* po) {
   if (schevent_waitfor(po->sch_schevt, kSchedulerNapMs) != 0) return;
   // An interrupt that coincided with the end of the nap is dropped by the
   // sleep; what it announced is visible here.
-  if (po->is_shutdown.load() || btree_count(po->sch_btree) > 0) return;
+  if (po->is_shutdown.load() || schedule_size(po) > 0) return;
   schevent_wait(po->sch_schevt);
 }
 
 void* scheduler_main(void* arg) {
   auto* po = static_cast<_POOL_OBJECT*>(arg);
   while (!po->is_shutdown.load()) {
-    if (btree_count(po->sch_btree) > 0)
+    if (schedule_size(po) > 0)
       release_earliest_when_due(po);
     else
       wait_for_work(po);
@@ -279,7 +322,8 @@ void* scheduler_main(void* arg) {
 }
 
 bool start_scheduler(_POOL_OBJECT* po) {
-  if (_btree_create_ex(&po->sch_btree, btree_int64_hash, nullptr, BTREE_OPTION_NO_INSTRUMENT, kSource, __LINE__) != 0)
+  if (_btree_create_ex(&po->sch_btree, btree_int64_hash, nullptr, kTreeOptions, kSource, __LINE__) != 0) return false;
+  if (_btree_create_ex(&po->live_items, btree_int64_hash, nullptr, kTreeOptions, kSource, __LINE__) != 0)
     return false;
   if (schevent_create(&po->sch_schevt) != 0) return false;
   THREAD_EX_ARGS ex{"Thread Pool Scheduler", kSchedulerStackSize, 0};
@@ -300,20 +344,19 @@ bool queue_shutdown_item(_POOL_OBJECT* po) {
 void wait_for_counted_workers(_POOL_OBJECT* po) {
   for (;;) {
     {
-      Locked guard(po);
+      vek::ScopedLock guard(po->mux, kSource, __LINE__);
       if (po->cur_threads.load() < 1 || po->live_workers.load() == 0) return;
     }
     thread_sleep(kCountedWorkersPollMs);
   }
 }
 
-// Workers that the idle rule stopped counting got no shutdown item of their
-// own; each gets one now, so no thread still waits on the queue when it is
-// deleted.
+// Every worker still running gets a shutdown item of its own, so no thread
+// still waits on the queue when it is deleted.
 void end_remaining_workers(_POOL_OBJECT* po) {
   for (;;) {
     {
-      Locked guard(po);
+      vek::ScopedLock guard(po->mux, kSource, __LINE__);
       while (po->shutdown_items < po->unreleased_workers)
         if (!queue_shutdown_item(po)) break;
     }
@@ -322,18 +365,23 @@ void end_remaining_workers(_POOL_OBJECT* po) {
   }
 }
 
-// Work the scheduler released after the last worker ended.
+// Work that never ran: queued after the last worker ended, or still in the
+// schedule.
 void release_unrun_items(_POOL_OBJECT* po) {
   void* item = nullptr;
   while (queue_get(po->queue, &item, 0) >= 0) release(item, __LINE__);
+  if (!po->sch_btree) return;
+  while (void* scheduled = btree_find_by_index(po->sch_btree, 0)) {
+    btree_delete_by_hash(po->sch_btree, static_cast<_POOL_WORK_ITEM*>(scheduled)->next_exec_time);
+    release(scheduled, __LINE__);
+  }
 }
 
-// The schedule tree and the scheduled event are left in place.
 void shut_down(_POOL_OBJECT* po) {
   po->is_shutdown.store(1);
   if (po->sch_schevt) schevent_interrupt(po->sch_schevt);
   {
-    Locked guard(po);
+    vek::ScopedLock guard(po->mux, kSource, __LINE__);
     for (int i = 0; i < po->cur_threads.load(); ++i)
       if (!queue_shutdown_item(po)) break;
   }
@@ -344,6 +392,9 @@ void shut_down(_POOL_OBJECT* po) {
     thread_delete(po->sch_thread);
   }
   release_unrun_items(po);
+  if (po->sch_btree) btree_delete(po->sch_btree);
+  if (po->live_items) btree_delete(po->live_items);
+  if (po->sch_schevt) schevent_delete(po->sch_schevt);
   queue_delete(po->queue);
   mutex_delete(po->mux);
   release(po, __LINE__);
@@ -352,13 +403,12 @@ void shut_down(_POOL_OBJECT* po) {
 }  // namespace
 
 void thread_pool_init(void** pool, int minthreads, int maxthreads, int stack_size) {
-  (void)stack_size;  // workers always get kWorkerStackSize
   if (!pool) return;
   minthreads = std::max(minthreads, 0);
   maxthreads = std::max(maxthreads, minthreads);
   auto* po = make_record<_POOL_OBJECT>(__LINE__);
   if (!po) return;
-  po->stack_size = kWorkerStackSize;
+  po->stack_size = vek::threads::caller_code_stack(stack_size);
   if (_mutex_create_ex(&po->mux, nullptr, 0, kSource, __LINE__) != 0) {
     release(po, __LINE__);
     return;
@@ -373,15 +423,11 @@ void thread_pool_init(void** pool, int minthreads, int maxthreads, int stack_siz
   po->cur_threads.store(minthreads);
   po->thread_idle_count = kIdleRunsTolerated;
   {
-    Locked guard(po);
+    vek::ScopedLock guard(po->mux, kSource, __LINE__);
     for (int id = 0; id < minthreads && start_worker(po, id); ++id) ++po->threads_created;
   }
   if (!start_scheduler(po)) {
-    void* schedule = po->sch_btree;
-    void* wakeup = po->sch_schevt;
     shut_down(po);
-    if (schedule) btree_delete(schedule);
-    if (wakeup) schevent_delete(wakeup);
     return;
   }
   *pool = po;
@@ -433,19 +479,18 @@ int thread_pool_put_scheduled_work(void* pool, const char* who, void** handle, i
   interval = std::max(interval, 0);
   _POOL_WORK_ITEM* item = make_item(func, a, b, c, repeat ? interval : kOneShot);
   if (!item) return ERR_NO_MEMORY;
-  bool filed;
   {
-    Locked guard(po);
+    vek::ScopedLock guard(po->mux, kSource, __LINE__);
+    item->serial = ++po->last_serial;
     item->next_exec_time = time_now() + interval;
-    // Stored before the item is filed: a due item may run and be gone before
-    // this call returns.
-    if (handle) *handle = item;
-    filed = file_in_schedule(po, item);
-    if (!filed && handle) *handle = nullptr;
-  }
-  if (!filed) {
-    release(item, __LINE__);
-    return ERR_NO_MEMORY;
+    if (btree_insert_with_hash(po->live_items, item, item->serial) != item || !file_in_schedule(po, item)) {
+      btree_delete_by_hash(po->live_items, item->serial);
+      release(item, __LINE__);
+      return ERR_NO_MEMORY;
+    }
+    // Set before the lock is released: a due item may run and be gone before
+    // this call returns, and its handle is still fine to cancel then.
+    if (handle) *handle = handle_of(item);
   }
   schevent_interrupt(po->sch_schevt);
   return 0;
@@ -459,8 +504,22 @@ int thread_pool_end_scheduled_work(void* pool, void* handle) {
     return 0;
   }
   if (!handle) return ERR_INVALID_PARAMETER;
-  if (!po->sch_btree) return ERR_INVALID_HANDLE;
-  static_cast<_POOL_WORK_ITEM*>(handle)->interval.store(kCancelled, std::memory_order_relaxed);
+  if (!po->live_items) return ERR_INVALID_HANDLE;
+  bool was_scheduled = false;
+  {
+    vek::ScopedLock guard(po->mux, kSource, __LINE__);
+    auto* item = static_cast<_POOL_WORK_ITEM*>(btree_find_by_hash(po->live_items, serial_of(handle)));
+    if (!item) return 0;  // ran, or cancelled, and gone: nothing left to stop
+    item->interval = kCancelled;
+    // Waiting in the schedule: nobody else holds it, so it goes now. Queued
+    // or running work is freed by its worker.
+    if (item->scheduled) {
+      btree_delete_by_hash(po->sch_btree, item->next_exec_time);
+      retire_item(po, item);
+      was_scheduled = true;
+    }
+  }
+  if (was_scheduled) schevent_interrupt(po->sch_schevt);
   return 0;
 }
 

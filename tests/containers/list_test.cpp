@@ -1,3 +1,4 @@
+// ctest-labels: tsan
 // List: the key index, ownership, iterators, bad arguments, and a randomised
 // comparison against std::list.
 #include <algorithm>
@@ -5,6 +6,7 @@
 #include <list>
 #include <map>
 #include <random>
+#include <thread>
 #include <vector>
 
 #include <vekutil/btree.h>
@@ -173,8 +175,39 @@ void run_model(unsigned seed, int steps) {
   list_delete(l);
 }
 
+#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
+constexpr int kModelSteps = 20000;
+#else
+constexpr int kModelSteps = 200000;
+#endif
+
 TEST_F(ListTest, RandomOperationsAgreeWithStdList) {
-  for (unsigned seed : {11u, 12u, 13u}) run_model(seed, 200000);
+  for (unsigned seed : {11u, 12u, 13u}) run_model(seed, kModelSteps);
+}
+
+// Lookups by key race with inserts and deletions that rebuild the index.
+TEST_F(ListTest, KeyLookupsWhileOtherThreadsChangeTheIndex) {
+  for (int i = 0; i < kPool; ++i) g_items[i] = i;
+  void* l = nullptr;
+  ASSERT_EQ(0, list_create(&l, btree_int64_hash, nullptr));
+  std::vector<std::thread> threads;
+  for (int w = 0; w < 2; ++w)
+    threads.emplace_back([l, w] {
+      for (int round = 0; round < 20; ++round)
+        for (int i = w; i < kPool; i += 2) {
+          list_insert_at_tail(l, item(i));
+          if (i % 3 == 0) list_delete_by_hash(l, i);
+        }
+    });
+  threads.emplace_back([l] {
+    for (int round = 0; round < 20; ++round)
+      for (int i = 0; i < kPool; ++i) {
+        for (void* found : {list_find_by_hash(l, i), list_find_by_object(l, item(i))})
+          EXPECT_TRUE(!found || found == item(i));
+      }
+  });
+  for (auto& t : threads) t.join();
+  list_delete(l);
 }
 
 }  // namespace

@@ -55,7 +55,6 @@ TEST_F(Helpers, ClockAndStopwatch) {
   long long elapsed = mstimer_elapsed(&timer);
   EXPECT_GE(elapsed, 20);
   EXPECT_GE(mstimer_restart(&timer), elapsed);
-  EXPECT_LT(mstimer_elapsed(&timer), elapsed + 1000);
   EXPECT_EQ(mstimer_elapsed(nullptr) + mstimer_restart(nullptr), 0);
 }
 

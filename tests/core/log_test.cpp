@@ -2,6 +2,7 @@
 #include <sys/stat.h>
 
 #include <cstdio>
+#include <filesystem>
 #include <regex>
 
 #include <vekutil/errors.h>
@@ -67,17 +68,36 @@ TEST_F(LogTest, LongerLogIsRolledThroughTenGenerations) {
   EXPECT_NE(stat(gen(11).c_str(), &st), 0);
 }
 
-TEST_F(LogTest, LoggingStopsForGoodPastTheCutOff) {
+// A name whose numbered generations would be cut to the name itself: the
+// roll is skipped and the current log kept.
+TEST_F(LogTest, NameTooLongForItsGenerationsKeepsTheLog) {
+  std::string name = dir_.file("");
+  name += std::string(146 - name.size(), 'L');
+  const std::string old(16385, 'k');
+  vektest::write_file(name, old);
+  ASSERT_EQ(vekLogInit(name.c_str(), nullptr), 0);
+  const std::string text = vektest::read_file(name);
+  EXPECT_EQ(text.substr(0, old.size()), old);
+  EXPECT_TRUE(std::regex_match(text.substr(old.size()), kBannerOnly));
+}
+
+int open_descriptors() {
+  int n = 0;
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) n += entry.exists() ? 1 : 0;
+  return n;
+}
+
+TEST_F(LogTest, LoggingStopsForGoodPastTheCutOffAndClosesTheLog) {
+  const int descriptors = open_descriptors();
   ASSERT_EQ(vekLogInit(log_.c_str(), nullptr), 0);
   for (int i = 0; i < 1000 && ftell(g_log_file) <= 32768; ++i) log_vek_error("%099d\n", i);
-  FILE* stream = g_log_file;
-  long size_at_cut = ftell(stream);
+  long size_at_cut = ftell(g_log_file);
   ASSERT_GT(size_at_cut, 32768);
   log_vek_error("dropped\n");
   EXPECT_EQ(g_log_file, nullptr) << "the stream is given up";
+  EXPECT_EQ(open_descriptors(), descriptors) << "and closed";
   log_vek_error("dropped too\n");
   EXPECT_EQ((long)vektest::read_file(log_).size(), size_at_cut);
-  g_log_file = stream;  // still open: the fixture closes it
 }
 
 }  // namespace

@@ -147,6 +147,10 @@ TEST_F(DirectoryTest, CreateAndDelete) {
   EXPECT_EQ(17, directory_create(f("one").c_str()));
   EXPECT_EQ(0, directory_create_recursive(f("one/a/b/c/").c_str()));
   EXPECT_TRUE(fs::is_directory(f("one/a/b/c")));
+  EXPECT_EQ(0, directory_create_recursive(f("one/a").c_str())) << "an existing directory is fine";
+  EXPECT_NE(0, directory_create_recursive("/proc/no/such/dir"));
+  vektest::write_file(f("file"), "");
+  EXPECT_EQ(ENOTDIR, directory_create_recursive(f("file").c_str()));
   EXPECT_EQ(0, directory_delete(f("one/a/b/c").c_str()));
   EXPECT_EQ(-1, directory_delete(f("one").c_str()));
   EXPECT_TRUE(exists("one/a/b"));

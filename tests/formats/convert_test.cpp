@@ -116,9 +116,11 @@ TEST_F(ConvertTest, DoubleSyntaxAndExponentLimits) {
       // The written exponent, fraction digits included, is limited, not the value.
       {"1e1025", range, 0, -1}, {"0.5e-1021", range, 0, -1}, {"10e-1022", range, 0, -1},
       {"1e99999999999999999999999", range, 0, -1}, {"-1e-99999999999999999999999", range, 0, -1},
+      // Within the written limits but beyond the largest double: never infinity.
+      {"1e1024", range, 0, -1}, {"-2e308", range, 0, -1}, {"18e307", range, 0, -1},
   };
   for (const auto& c : cases) expect(run_d(c.text), c.text, c.rc, c.value, c.consumed);
-  for (const char* fits : {"1e300", "1e1024", "1e-1021"}) EXPECT_EQ(0, run_d(fits).rc) << fits;
+  for (const char* fits : {"1e300", "1.7e308", "1e-1021"}) EXPECT_EQ(0, run_d(fits).rc) << fits;
 }
 
 TEST_F(ConvertTest, DoubleValuesAreCloseToCorrectlyRounded) {
@@ -138,7 +140,8 @@ TEST_F(ConvertTest, FloatUsesItsOwnLimits) {
   EXPECT_NEAR(1e38f, run<float>(convert_to_f, "1e38").value, 1e31f);
   EXPECT_NEAR(3.1415927f, run<float>(convert_to_f, "3.1415927").value, 1e-6f);
   expect(run<float>(convert_to_f, "-0.25"), "-0.25", 0, -0.25f, 5);
-  expect(run<float>(convert_to_f, "1e129"), "1e129", ERR_CONVERT_RANGE, 0.0f, -1);
+  for (const char* too_big : {"1e129", "1e50", "-1e39", "400000000000000000000000000000000000000"})
+    expect(run<float>(convert_to_f, too_big), too_big, ERR_CONVERT_RANGE, 0.0f, -1);
   expect(run<float>(convert_to_f, "1e-126"), "1e-126", ERR_CONVERT_RANGE, 0.0f, -1);
   expect(run<float>(convert_to_f, "."), ".", ERR_CONVERT_NO_DIGITS, 0.0f, -1);
 }

