@@ -63,9 +63,15 @@ bool exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
 
 // ---- servers ---------------------------------------------------------------
 
-enum class Server { kVsftpd, kPyftpdlib };
+enum class Server { kVsftpd, kPyftpdlib, kOwn };
 
-const char* server_name(Server s) { return s == Server::kVsftpd ? "vsftpd" : "pyftpdlib"; }
+const char* server_name(Server s) {
+  return s == Server::kVsftpd ? "vsftpd" : s == Server::kPyftpdlib ? "pyftpdlib" : "vekutil";
+}
+
+int own_server_accounts(const char* user, const char* password, const char*) {
+  return std::string(user) == "tester" && std::string(password) == "secret" ? FTP_ACCESS_ALL : FTP_ACCESS_NONE;
+}
 
 // pyftpdlib with a user, and optional misbehaviour for the cases no sane
 // configuration of a server produces.
@@ -100,12 +106,15 @@ FTPServer(("127.0.0.1", port), Handler).serve_forever()
 
 class FtpServer {
  public:
+  ~FtpServer() { stop(); }
+
   // Starts the server on a free loopback port, serving root. Empty when it
   // runs; otherwise why not.
   std::string start(Server kind, const std::string& root, const std::string& quirk = "") {
     kind_ = kind;
     port_ = vektest::free_tcp_port();
     bool started;
+    if (kind == Server::kOwn) return start_own(root);
     if (kind == Server::kVsftpd) {
       if (!vektest::have_program("vsftpd")) return "vsftpd is not installed";
       const std::string conf = dir_.file("vsftpd.conf");
@@ -131,6 +140,17 @@ class FtpServer {
     return "";
   }
 
+  // Stops the server; the library's own is stopped with everything it made.
+  void stop() {
+    process_.stop();
+    if (own_) {
+      ftp_server_stop(own_);
+      own_ = nullptr;
+      ftp_command_uninit();
+      socket_async_default_uninit();
+    }
+  }
+
   std::string address() const { return "127.0.0.1:" + std::to_string(port_); }
   std::string user() const { return kind_ == Server::kVsftpd ? "anonymous" : "tester"; }
   std::string password() const { return kind_ == Server::kVsftpd ? "vek@test" : "secret"; }
@@ -138,6 +158,19 @@ class FtpServer {
   pid_t pid() const { return process_.pid(); }
 
  private:
+  // The library's own server, in this process, on a port the system picks.
+  std::string start_own(const std::string& root) {
+    int rc = socket_async_default_init(socket_get_fd_setsize(), 0, 2000);
+    if (rc == 0) rc = ftp_server_start(&own_, 0, root.c_str(), own_server_accounts, nullptr, nullptr);
+    if (rc != 0) {
+      socket_async_default_uninit();
+      return "the library's FTP server did not start: " + std::to_string(rc);
+    }
+    port_ = static_cast<_FTP_SERVER_OBJECT*>(own_)->port;
+    return "";
+  }
+
+  void* own_ = nullptr;
   vektest::TempDir dir_;
   vektest::PeerProcess process_;
   Server kind_ = Server::kVsftpd;
@@ -167,6 +200,7 @@ class FtpClientTest : public vektest::LeakCheckedTest, public testing::WithParam
     if (client_) {
       EXPECT_EQ(0, ftp_disconnect(client_));
     }
+    server_.stop();
     LeakCheckedTest::TearDown();
   }
 
@@ -257,7 +291,8 @@ TEST_P(FtpClientTest, RefusedLoginFails) {
 
 INSTANTIATE_TEST_SUITE_P(Peers, FtpClientTest,
                          testing::Values(Setup{Server::kVsftpd, false}, Setup{Server::kVsftpd, true},
-                                         Setup{Server::kPyftpdlib, false}, Setup{Server::kPyftpdlib, true}),
+                                         Setup{Server::kPyftpdlib, false}, Setup{Server::kPyftpdlib, true},
+                                         Setup{Server::kOwn, false}, Setup{Server::kOwn, true}),
                          setup_name);
 
 // ---- servers that misbehave ------------------------------------------------
