@@ -101,16 +101,47 @@ const char* message_text(const char* text) {
   return p;
 }
 
-void deliver(_SYSLOG_COLLECTOR* c, char* buffer, int length, const char* sender) {
+void deliver(_SYSLOG_COLLECTOR* c, char* buffer, int length, const char* host) {
   buffer[length - 1] = '\0';  // drops the final character, normally the newline
   if (buffer[0] != '<') return;
   const int level = parse_level(buffer + 1);
   const int facility = (-level) / 8;  // always 0: the facility bits are not decoded
-  char host[32];
-  vek::copy_name(host, sizeof host, sender ? sender : "");
-  if (char* colon = std::strchr(host, ':')) *colon = '\0';
   c->callback(facility, level, time_now(), host, message_text(buffer), c->custom);
 }
+
+// Writes the dotted quad of a host-order IPv4 address; out holds 16 bytes.
+void format_ipv4(unsigned address, char* out) {
+  for (int shift = 24; shift >= 0; shift -= 8) {
+    const unsigned octet = (address >> shift) & 255u;
+    if (octet >= 100) *out++ = char('0' + octet / 100);
+    if (octet >= 10) *out++ = char('0' + octet / 10 % 10);
+    *out++ = char('0' + octet % 10);
+    *out++ = shift ? '.' : '\0';
+  }
+}
+
+// One datagram into buffer, and the sender's address (without port) into
+// host. It is udp_recv without the allocated "address:port" text, which
+// would cost as much as the rest of the collector's work per datagram.
+// Returns the byte count, or -1 with the cause in *err.
+int receive_datagram(void* udp, char* buffer, int size, char* host, int* err) {
+  sockaddr_in from{};
+  socklen_t from_size = sizeof from;
+  ssize_t n;
+  do {
+    n = recvfrom(udp_descriptor(udp), buffer, (size_t)size, 0, reinterpret_cast<sockaddr*>(&from), &from_size);
+  } while (n < 0 && errno == EINTR);
+  if (n < 0) {
+    *err = errno;
+    return -1;
+  }
+  format_ipv4(ntohl(from.sin_addr.s_addr), host);
+  return (int)n;
+}
+
+// Receive failures that say nothing about the socket itself: the receiver
+// carries on after them.
+bool transient(int err) { return err == EINTR || err == EAGAIN || err == ENOMEM || err == ENOBUFS; }
 
 void* receiver_main(void* arg) {
   auto* c = static_cast<_SYSLOG_COLLECTOR*>(arg);
@@ -120,16 +151,14 @@ void* receiver_main(void* arg) {
   auto* buffer = static_cast<char*>(_vekMalloc(kReceiveBufferSize, kSource, __LINE__));
   if (!buffer) return nullptr;
   for (;;) {
-    int length = kReceiveBufferSize;
-    char* sender = nullptr;
-    const int received = udp_recv(c->socket, buffer, &length, &sender);
-    const int err = udp_error(c->socket);
+    char host[16];
+    int err = 0;
+    const int received = receive_datagram(c->socket, buffer, kReceiveBufferSize, host, &err);
     const bool stop = stopping(c);
-    // An empty datagram is skipped, not taken for the end of the socket.
-    if (!stop && received > 0) deliver(c, buffer, received, sender);
-    vek::release(sender, kSource, __LINE__);
     if (stop) break;
-    if (received < 0 && err != EINTR) {
+    // An empty datagram is skipped, not taken for the end of the socket.
+    if (received > 0) deliver(c, buffer, received, host);
+    if (received < 0 && !transient(err)) {
       log_vek_error("syslog_collector(%s): recvfrom failed[%d]\n", kThreadName, err);
       break;
     }
