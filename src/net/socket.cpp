@@ -29,6 +29,7 @@
 #include <vekutil/timeutil.h>
 
 #include "core/instrumented.hpp"
+#include "core/scoped_lock.hpp"
 #include "core/internal.hpp"
 #include "core/scoped_lock.hpp"
 #include "net/net.internal.hpp"
