@@ -365,7 +365,7 @@ class LineSink {
   LineSink(Client* co, void* conn) : co_(co), conn_(conn), fd_(socket_descriptor(conn)) {
     buffer_ = static_cast<char*>(_vekMalloc(kListBatch, kSource, __LINE__));
   }
-  ~LineSink() { _vekFree(buffer_, kSource, __LINE__); }
+  ~LineSink() { vek::release(buffer_, kSource, __LINE__); }
   LineSink(const LineSink&) = delete;
   LineSink& operator=(const LineSink&) = delete;
 
@@ -410,8 +410,8 @@ class Names {
   Names(const char* dir, const char* filter) { count_ = directory_query2(dir, filter, &names_); }
   ~Names() {
     if (count_ < 0 || !names_) return;
-    for (int i = 0; names_[i]; ++i) _vekFree(names_[i], kSource, __LINE__);
-    _vekFree(names_, kSource, __LINE__);
+    for (int i = 0; names_[i]; ++i) vek::release(names_[i], kSource, __LINE__);
+    vek::release(names_, kSource, __LINE__);
   }
   Names(const Names&) = delete;
   Names& operator=(const Names&) = delete;
@@ -554,7 +554,7 @@ int cmd_cdup(void* p, const char*, const char*) {
 bool set_directory(Client* co, const char* dir) {
   char* copy = copy_text(dir, kSource, __LINE__);
   if (!copy) return false;
-  _vekFree(co->directory, kSource, __LINE__);
+  vek::release(co->directory, kSource, __LINE__);
   co->directory = copy;
   return true;
 }
@@ -638,7 +638,7 @@ int cmd_dele(void* p, const char*, const char* args) {
 int cmd_rnfr(void* p, const char*, const char* args) {
   Client* co = client(p);
   if (!authorised(co, FTP_ACCESS_WRITE)) return 0;
-  _vekFree(co->rename_from, kSource, __LINE__);
+  vek::release(co->rename_from, kSource, __LINE__);
   co->rename_from = args ? copy_text(args, kSource, __LINE__) : nullptr;
   reply(co, "350 RNFR command successful.\r\n");
   return 0;
@@ -658,7 +658,7 @@ int cmd_rnto(void* p, const char*, const char* args) {
   bool built = args && (args[0] == '/' ? join(from_built, root, co->rename_from) && join(to_built, root, args)
                                        : join(from_built, root, co->directory, co->rename_from) &&
                                              join(to_built, root, co->directory, args));
-  _vekFree(co->rename_from, kSource, __LINE__);
+  vek::release(co->rename_from, kSource, __LINE__);
   co->rename_from = nullptr;
   char from[PATH_MAX];
   char to[PATH_MAX];
@@ -737,7 +737,7 @@ bool announced_address(Client* co, char* out, size_t cap) {
     char* colon = std::strchr(local, ':');
     if (colon) *colon = '\0';
     copy_name(out, cap, local);
-    _vekFree(local, kSource, __LINE__);
+    vek::release(local, kSource, __LINE__);
   }
   replace_string(out, '.', ',');
   return true;
@@ -998,7 +998,7 @@ Io receive_file(Client* co, void* conn, int file, bool* write_failed) {
       break;
     }
   }
-  _vekFree(buffer, kSource, __LINE__);
+  vek::release(buffer, kSource, __LINE__);
   return io == Io::kClosed ? Io::kOk : io;
 }
 
@@ -1033,7 +1033,7 @@ int cmd_stor(void* p, const char*, const char* args) {
   return io == Io::kOk ? rc : io_code(io, false);
 }
 
-void free_command(void* entry) { _vekFree(entry, kSource, __LINE__); }
+void free_command(void* entry) { vek::release(entry, kSource, __LINE__); }
 
 struct BuiltIn {
   const char* name;

@@ -67,15 +67,15 @@ void free_server(Server* srv) {
   _FTP_SERVER_OBJECT* s = &srv->pub;
   if (s->session_btree) btree_delete(s->session_btree);
   if (s->mutex) mutex_delete(s->mutex);
-  _vekFree(s->public_ip, kSource, __LINE__);
-  _vekFree(s->root_folder, kSource, __LINE__);
-  _vekFree(s->root_folder_abs, kSource, __LINE__);
-  _vekFree(srv->root_real, kSource, __LINE__);
+  vek::release(s->public_ip, kSource, __LINE__);
+  vek::release(s->root_folder, kSource, __LINE__);
+  vek::release(s->root_folder_abs, kSource, __LINE__);
+  vek::release(srv->root_real, kSource, __LINE__);
   pthread_cond_destroy(&srv->state_cv);
   pthread_cond_destroy(&srv->exec_cv);
   pthread_mutex_destroy(&srv->exec_mu);
   srv->~Server();
-  _vekFree(srv, kSource, __LINE__);
+  vek::release(srv, kSource, __LINE__);
 }
 
 // Drops one reference: the server's own or a session's. The record goes
@@ -229,11 +229,11 @@ int end_session(Session* s) {
   Server* srv = s->srv;
   _FTP_CLIENT_OBJECT* co = &s->pub;
   btree_delete_by_object(srv->pub.session_btree, s);
-  _vekFree(co->directory, kSource, __LINE__);
-  _vekFree(co->rename_from, kSource, __LINE__);
+  vek::release(co->directory, kSource, __LINE__);
+  vek::release(co->rename_from, kSource, __LINE__);
   release_data_sockets(co);
   s->~Session();
-  _vekFree(s, kSource, __LINE__);
+  vek::release(s, kSource, __LINE__);
   _ftp_server_free(srv);
   return SOCKET_ASYNC_DESTROY;
 }
@@ -277,7 +277,7 @@ Session* make_session(Server* srv, void* socket) {
   copy_name(co->username, 129, socket_peer(socket));
   if (!co->directory) {
     s->~Session();
-    _vekFree(s, kSource, __LINE__);
+    vek::release(s, kSource, __LINE__);
     return nullptr;
   }
   add_reference(srv);
@@ -380,7 +380,12 @@ int set_root(Server* srv, const char* root_folder) {
 
 int start_threads(Server* srv) {
   THREAD_EX_ARGS ex = {"FTP Server Sweeper", kSweeperStack, 0};
-  return thread_create_ex(&srv->sweeper, sweeper_thread, srv, &ex);
+  int rc = thread_create_ex(&srv->sweeper, sweeper_thread, srv, &ex);
+  if (rc != 0 && srv->sweeper) {
+    thread_delete(srv->sweeper);
+    srv->sweeper = nullptr;
+  }
+  return rc;
 }
 
 // Waits until every session has ended and every command thread is gone.
@@ -471,7 +476,7 @@ VEK_API int ftp_server_set_public_ip(void* handle, const char* public_ip) {
     old = srv->pub.public_ip;
     srv->pub.public_ip = copy;
   }
-  _vekFree(old, kServerSource, __LINE__);
+  vek::release(old, kServerSource, __LINE__);
   return 0;
 }
 
