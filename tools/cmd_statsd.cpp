@@ -47,8 +47,8 @@ bool parse_metric(const char* text, Metric* metric) {
   const std::string number = head.substr(colon + 1);
   char* end = nullptr;
   errno = 0;
-  const long v = std::strtol(number.c_str(), &end, 10);
-  if (number.empty() || errno != 0 || *end != '\0' || v < -2147483648L || v > 2147483647L) return false;
+  const long long v = std::strtoll(number.c_str(), &end, 10);
+  if (number.empty() || errno != 0 || *end != '\0' || v < -2147483648LL || v > 2147483647LL) return false;
   metric->value = static_cast<int>(v);
   return metric->kind == "g" || metric->kind == "c" || metric->kind == "ms";
 }
