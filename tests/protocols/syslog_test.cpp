@@ -432,4 +432,54 @@ TEST(SyslogRsyslogTest, RsyslogRecordsFacilityLevelHostAndMessage) {
   }
 }
 
+// ---- the command-line tool -------------------------------------------------
+
+std::string tool_path() {
+  char path[4096] = {};
+  const ssize_t n = readlink("/proc/self/exe", path, sizeof path - 1);
+  const std::string exe(path, n > 0 ? static_cast<size_t>(n) : 0);
+  return exe.substr(0, exe.find_last_of('/')) + "/../tools/vekutil";
+}
+
+TEST(UdpToolTest, SyslogStatsdAndSyslogdCommands) {
+  const std::string tool = tool_path();
+  if (access(tool.c_str(), X_OK) != 0) GTEST_SKIP() << "the vekutil tool is not built";
+  RawUdp sink;
+  struct Case {
+    std::vector<std::string> args;
+    int exit_code;
+    std::string datagram_start;  // empty: nothing is sent
+  };
+  const Case cases[] = {
+      {{"statsd", sink.address(), "api.calls:3|c", "--rate", "0.5"}, 0, "api.calls:3|c|@0.50"},
+      {{"statsd", sink.address(), "queue:-4|g"}, 0, "queue:-4|g"},
+      {{"statsd", sink.address(), "queue:x|g"}, 2, ""},
+      {{"statsd", sink.address(), "t:1|ms", "--rate", "0.5"}, 2, ""},
+      {{"syslog", sink.address(), "--facility", "3", "--level", "4", "--hostname", "a b", "up"}, 0, "<28>"},
+      {{"syslog", sink.address(), "--level", "9", "x"}, 2, ""},
+      {{"syslog", "127.0.0.1", "no port"}, 2, ""},
+      {{"syslogd", "--help"}, 0, ""},
+  };
+  for (const Case& c : cases) {
+    std::vector<std::string> argv = {tool};
+    argv.insert(argv.end(), c.args.begin(), c.args.end());
+    EXPECT_EQ(c.exit_code, vektest::run_program(argv)) << testing::PrintToString(c.args);
+    const std::string got = sink.receive(c.datagram_start.empty() ? 100 : 2000).value_or("");
+    EXPECT_EQ(c.datagram_start, got.substr(0, c.datagram_start.size())) << testing::PrintToString(c.args);
+    EXPECT_TRUE(c.datagram_start != "<28>" || got.find(" a_b up ") != std::string::npos) << got;
+  }
+  // The collector command prints one line per message.
+  vektest::TempDir dir;
+  vektest::PeerProcess syslogd;
+  const int port = vektest::free_udp_port();
+  ASSERT_TRUE(syslogd.start({tool, "syslogd", "--listen", std::to_string(port), "--out", dir.file("out.txt")}));
+  std::string printed;
+  for (int i = 0; i < 100 && printed.find("127.0.0.1 6 ") == std::string::npos; ++i) {
+    syslog_remote(("127.0.0.1:" + std::to_string(port)).c_str(), 1, 6, "tool check");
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    printed = vektest::read_file(dir.file("out.txt"));
+  }
+  EXPECT_NE(std::string::npos, printed.find(" 127.0.0.1 6 tool check\n")) << printed;
+}
+
 }  // namespace
