@@ -99,6 +99,7 @@ struct Progress {
   long long total;  // bytes expected, or -1 when unknown
   std::chrono::steady_clock::time_point start = std::chrono::steady_clock::now();
   std::chrono::steady_clock::time_point last_draw{};
+  long long last_bytes = 0;
   bool drawn = false;
 
   void draw(long long bytes) {
@@ -112,13 +113,18 @@ struct Progress {
       std::fprintf(stderr, "\r%s %10.1f MiB  %8.1f MiB/s ", verb, mib, rate);
     drawn = true;
   }
+  // Draws the final count (the last blocks may have come too quickly to be
+  // shown) and ends the line.
   void finish() {
-    if (drawn) std::fputc('\n', stderr);
+    if (!drawn) return;
+    draw(last_bytes);
+    std::fputc('\n', stderr);
   }
 };
 
 void on_progress(long long bytes, void* custom) {
   auto* progress = static_cast<Progress*>(custom);
+  progress->last_bytes = bytes;
   const auto now = std::chrono::steady_clock::now();
   if (now - progress->last_draw < std::chrono::milliseconds(100) && bytes != progress->total) return;
   progress->last_draw = now;
