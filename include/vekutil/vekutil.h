@@ -50,5 +50,9 @@
 #include <vekutil/ssl.h>
 #include <vekutil/socket.async.h>
 #include <vekutil/http.h>
+#include <vekutil/ftp.server.h>
+#include <vekutil/statsd.h>
+#include <vekutil/syslog.h>
+#include <vekutil/ftp.h>
 
 #endif

@@ -31,6 +31,7 @@
 #include "core/instrumented.hpp"
 #include "core/scoped_lock.hpp"
 #include "core/internal.hpp"
+#include "core/scoped_lock.hpp"
 #include "net/net.internal.hpp"
 
 void* g_socket_btree = nullptr;

@@ -1,0 +1,183 @@
+// The FTP server with real clients: Python's ftplib (every built-in
+// command, passive and active, binary and ASCII), curl (listing, download,
+// upload, active mode) and lftp (mirroring a tree both ways). Contents are
+// compared by checksum.
+#include <sys/stat.h>
+
+#include <filesystem>
+#include <map>
+#include <random>
+
+#include "ftp_fixture.hpp"
+
+namespace {
+
+using namespace ftptest;
+namespace fs = std::filesystem;
+
+// Drives one session through every built-in command. Prints "FAIL ..." for
+// each failed check and "DONE" at the end.
+constexpr const char* kFtplibScript = R"PY(
+import ftplib, hashlib, io, os, sys
+port, root, mode = int(sys.argv[1]), sys.argv[2], sys.argv[3]
+failures = []
+def check(name, cond):
+    if not cond: failures.append(name)
+def md5(b): return hashlib.md5(b).hexdigest()
+def disk(p):
+    with open(os.path.join(root, p), 'rb') as f: return f.read()
+
+ftp = ftplib.FTP()
+check('welcome', ftp.connect('127.0.0.1', port, timeout=20).startswith('220'))
+ftp.set_pasv(mode == 'passive')
+check('login', ftp.login('admin', 'pw').startswith('230'))
+check('syst', ftp.sendcmd('SYST') == '215 UNIX Type: L8')
+check('noop', ftp.voidcmd('NOOP').startswith('250'))
+check('allo', ftp.voidcmd('ALLO 10').startswith('250'))
+check('pwd', ftp.pwd() == '/')
+ftp.mkd('dir')
+ftp.sendcmd('XMKD dir2')
+check('mkd on disk', os.path.isdir(os.path.join(root, 'dir')) and os.path.isdir(os.path.join(root, 'dir2')))
+ftp.cwd('dir')
+check('cwd', ftp.pwd() == '/dir/')
+check('xpwd', ftp.sendcmd('XPWD').startswith('257 "/dir/"'))
+
+blob = os.urandom(300000)
+ftp.storbinary('STOR blob.bin', io.BytesIO(blob))
+check('stor binary', md5(disk('dir/blob.bin')) == md5(blob))
+got = io.BytesIO(); ftp.retrbinary('RETR blob.bin', got.write)
+check('retr binary', md5(got.getvalue()) == md5(blob))
+got = io.BytesIO(); ftp.retrbinary('RETR blob.bin', got.write, rest=1000)
+check('rest', got.getvalue() == blob[1000:])
+ftp.sendcmd('APPE')
+ftp.storbinary('STOR blob.bin', io.BytesIO(b'tail'))
+check('appe', disk('dir/blob.bin') == blob + b'tail')
+
+text = b'line one\nline two\n\nlast line\n'
+ftp.storlines('STOR text.txt', io.BytesIO(text))
+check('stor ascii', disk('dir/text.txt') == text)
+lines = []; ftp.retrlines('RETR text.txt', lines.append)
+check('retr ascii', lines == ['line one', 'line two', '', 'last line'])
+
+listing = []; ftp.retrlines('LIST', listing.append)
+check('list', len(listing) == 2 and any(l.endswith(' blob.bin') and ' 300004 ' in l for l in listing))
+check('nlst', sorted(ftp.nlst()) == ['blob.bin', 'text.txt'])
+try:
+    ftp.size('blob.bin'); check('size refused', False)
+except ftplib.error_perm as e:
+    check('size refused', str(e).startswith('550'))
+ftp.rename('text.txt', 'renamed.txt')
+check('rename', os.path.exists(os.path.join(root, 'dir/renamed.txt')))
+ftp.delete('renamed.txt')
+check('dele', not os.path.exists(os.path.join(root, 'dir/renamed.txt')))
+try:
+    ftp.delete('renamed.txt'); check('dele twice', False)
+except ftplib.error_perm as e:
+    check('dele twice', str(e).startswith('550'))
+ftp.cwd('..')
+check('cdup', ftp.pwd() == '/')
+ftp.sendcmd('XCWD dir'); ftp.sendcmd('XCUP'); ftp.sendcmd('CDUP')
+check('xcwd xcup', ftp.pwd() == '/')
+ftp.rmd('dir')
+ftp.sendcmd('XRMD dir2')
+check('rmd', not os.path.exists(os.path.join(root, 'dir')) and not os.path.exists(os.path.join(root, 'dir2')))
+check('type', ftp.sendcmd('TYPE I').startswith('200') and ftp.sendcmd('TYPE A').startswith('200'))
+check('quit', ftp.quit().startswith('221'))
+for f in failures: print('FAIL', f)
+print('DONE')
+)PY";
+
+using FtpClientsTest = ServerTest;
+
+TEST_F(FtpClientsTest, FtplibRunsEveryCommandPassiveAndActive) {
+  if (!vektest::have_program("/usr/bin/python3")) GTEST_SKIP() << "no /usr/bin/python3";
+  start();
+  for (const char* mode : {"passive", "active"}) {
+    SCOPED_TRACE(mode);
+    std::string out;
+    EXPECT_EQ(0, run_python(kFtplibScript, {std::to_string(port_), root_, mode}, &out)) << out;
+    EXPECT_EQ("DONE\n", out);
+  }
+}
+
+// Random bytes of the given size written to path.
+std::string random_file(const std::string& path, size_t size, unsigned seed) {
+  std::mt19937 gen(seed);
+  std::string bytes(size, '\0');
+  for (char& c : bytes) c = static_cast<char>(gen());
+  vektest::write_file(path, bytes);
+  return bytes;
+}
+
+TEST_F(FtpClientsTest, CurlListsDownloadsAndUploads) {
+  if (!vektest::have_program("curl")) GTEST_SKIP() << "no curl";
+  std::string data = random_file(path("data.bin"), 1 << 20, 1);
+  directory_create(path("sub").c_str());
+  start();
+  std::string base = "ftp://127.0.0.1:" + std::to_string(port_) + "/";
+  std::vector<std::string> common = {"curl", "-sS", "--max-time", "60", "--user", "admin:pw"};
+  auto curl = [&](std::vector<std::string> args, std::string* out) {
+    std::vector<std::string> argv = common;
+    argv.insert(argv.end(), args.begin(), args.end());
+    return vektest::run_program(argv, out);
+  };
+  std::string out;
+  ASSERT_EQ(0, curl({base}, &out));
+  EXPECT_NE(std::string::npos, out.find(" 1048576 ")) << out;
+  EXPECT_NE(std::string::npos, out.find("drwxrwxrwx 1 zu zu                0 ")) << out;
+  for (const std::string& port_option : {std::string(), std::string("127.0.0.1")}) {
+    SCOPED_TRACE(port_option.empty() ? "passive" : "active");
+    std::vector<std::string> mode;
+    if (!port_option.empty()) mode = {"--ftp-port", port_option};
+    std::string body;
+    // SIZE is refused with a 550, which curl takes for a missing file
+    // unless told not to ask for the size.
+    std::vector<std::string> get = mode;
+    get.insert(get.end(), {"--ignore-content-length", base + "data.bin"});
+    ASSERT_EQ(0, curl(get, &body));
+    EXPECT_TRUE(body == data) << "download differs";
+    std::vector<std::string> put = mode;
+    put.insert(put.end(), {"-T", path("data.bin"), base + "sub/copy.bin"});
+    ASSERT_EQ(0, curl(put, &out)) << out;
+    EXPECT_TRUE(vektest::read_file(path("sub/copy.bin")) == data) << "upload differs";
+    file_delete(path("sub/copy.bin").c_str());
+  }
+}
+
+// A tree of about 200 files in 10 directories, sizes 0 to 64 KiB.
+std::map<std::string, std::string> make_tree(const std::string& top) {
+  std::map<std::string, std::string> files;
+  for (int d = 0; d < 10; ++d) {
+    std::string dir = "d" + std::to_string(d);
+    fs::create_directories(top + "/" + dir);
+    for (int f = 0; f < 20; ++f) {
+      std::string name = dir + "/f" + std::to_string(f) + ".bin";
+      files[name] = random_file(top + "/" + name, (size_t)((d * 20 + f) * 331) % 65536, (unsigned)(d * 20 + f));
+    }
+  }
+  return files;
+}
+
+void expect_tree(const std::string& top, const std::map<std::string, std::string>& files) {
+  size_t found = 0;
+  for (const auto& entry : fs::recursive_directory_iterator(top))
+    if (entry.is_regular_file()) ++found;
+  EXPECT_EQ(files.size(), found);
+  for (const auto& [name, bytes] : files) EXPECT_TRUE(vektest::read_file(top + "/" + name) == bytes) << name;
+}
+
+TEST_F(FtpClientsTest, LftpMirrorsATreeBothWays) {
+  if (!vektest::have_program("lftp")) GTEST_SKIP() << "no lftp";
+  auto files = make_tree(path("tree"));
+  start();
+  std::string local = dir_.path() + "/local";
+  std::string open = "set cmd:fail-exit yes; set net:max-retries 1; set net:timeout 20; set ftp:passive-mode yes; "
+                     "open -u admin,pw -p " + std::to_string(port_) + " 127.0.0.1; ";
+  std::string out;
+  ASSERT_EQ(0, vektest::run_program({"lftp", "-c", open + "mirror tree " + local}, &out, "", 240000)) << out;
+  expect_tree(local, files);
+  ASSERT_EQ(0, vektest::run_program({"lftp", "-c", open + "mirror -R " + local + " back"}, &out, "", 240000)) << out;
+  expect_tree(path("back"), files);
+}
+
+}  // namespace

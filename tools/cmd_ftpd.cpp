@@ -1,0 +1,145 @@
+// Command "ftpd": serves a folder over FTP until SIGINT or SIGTERM, printing
+// one line per command with the client, the command and its result.
+#include <signal.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include <vekutil/vekutil.h>
+
+#include "command.hpp"
+
+namespace {
+
+constexpr const char* kUsage =
+    "usage: vekutil ftpd [--listen PORT] [--root DIR] [--user NAME:PASSWORD[:read|write|all]]... "
+    "[--public-ip ADDR]\n"
+    "  --listen PORT      port to listen on (default 2121; 0 picks a free one)\n"
+    "  --root DIR         folder to serve (default: the current directory)\n"
+    "  --user ...         an account; the level defaults to read (repeatable)\n"
+    "  --public-ip ADDR   address announced for passive transfers\n"
+    "Serves until SIGINT or SIGTERM. Prints the port on the first line, then\n"
+    "one line per command: client address, user, command line, result.\n";
+
+struct Account {
+  std::string name;
+  std::string password;
+  int level;
+};
+
+std::vector<Account> g_accounts;
+std::mutex g_print_mutex;
+
+int level_of(const std::string& text) {
+  if (text == "read") return FTP_ACCESS_READ;
+  if (text == "write") return FTP_ACCESS_WRITE;
+  if (text == "all") return FTP_ACCESS_ALL;
+  return -1;
+}
+
+bool parse_account(const char* spec, Account* account) {
+  std::string text = spec;
+  size_t colon = text.find(':');
+  if (colon == std::string::npos || colon == 0) return false;
+  account->name = text.substr(0, colon);
+  std::string rest = text.substr(colon + 1);
+  account->level = FTP_ACCESS_READ;
+  size_t last = rest.rfind(':');
+  if (last != std::string::npos && level_of(rest.substr(last + 1)) > 0) {
+    account->level = level_of(rest.substr(last + 1));
+    rest.resize(last);
+  }
+  account->password = rest;
+  return true;
+}
+
+int authenticate(const char* user, const char* password, const char*) {
+  for (const Account& a : g_accounts)
+    if (a.name == user && a.password == password) return a.level;
+  return FTP_ACCESS_NONE;
+}
+
+void print_command(const void* client, const char* command, const char* line, int result) {
+  std::string text = std::strcmp(command, "PASS") == 0 ? "PASS ****" : line;
+  while (!text.empty() && (text.back() == '\r' || text.back() == '\n')) text.pop_back();
+  std::lock_guard<std::mutex> guard(g_print_mutex);
+  std::printf("%s %s \"%s\" %d\n", ftp_server_client_address(client), ftp_server_client_username(client),
+              text.c_str(), result);
+  std::fflush(stdout);
+}
+
+int usage_error(const char* message) {
+  std::fprintf(stderr, "vekutil ftpd: %s (see vekutil ftpd --help)\n", message);
+  return 2;
+}
+
+int run_ftpd(int argc, char** argv) {
+  long port = 2121;
+  std::string root = ".";
+  const char* public_ip = nullptr;
+  for (int i = 1; i < argc; ++i) {
+    std::string arg = argv[i];
+    if (arg == "--help" || arg == "-h") {
+      std::fputs(kUsage, stdout);
+      return 0;
+    }
+    if (i + 1 >= argc) return usage_error(("missing value after " + arg).c_str());
+    const char* value = argv[++i];
+    if (arg == "--listen") {
+      char* end = nullptr;
+      port = std::strtol(value, &end, 10);
+      if (!*value || *end || port < 0 || port > 65535) return usage_error("bad port");
+    } else if (arg == "--root") {
+      root = value;
+    } else if (arg == "--user") {
+      Account account;
+      if (!parse_account(value, &account)) return usage_error("bad --user, want NAME:PASSWORD[:read|write|all]");
+      g_accounts.push_back(account);
+    } else if (arg == "--public-ip") {
+      public_ip = value;
+    } else {
+      return usage_error(("unknown option " + arg).c_str());
+    }
+  }
+  if (g_accounts.empty()) std::fprintf(stderr, "vekutil ftpd: no --user given: nobody can log in\n");
+
+  // Signals are taken by sigwait below; threads started from here on
+  // inherit the blocked mask.
+  sigset_t stop_signals;
+  sigemptyset(&stop_signals);
+  sigaddset(&stop_signals, SIGINT);
+  sigaddset(&stop_signals, SIGTERM);
+  pthread_sigmask(SIG_BLOCK, &stop_signals, nullptr);
+
+  int rc = socket_async_default_init(socket_get_fd_setsize(), 0, 2000);
+  void* server = nullptr;
+  if (rc == 0)
+    rc = ftp_server_start(&server, (unsigned short)port, root.c_str(), authenticate, nullptr, print_command);
+  if (rc != 0) {
+    std::fprintf(stderr, "vekutil ftpd: cannot start on port %ld: error %d\n", port, rc);
+    socket_async_default_uninit();
+    return 1;
+  }
+  if (public_ip) ftp_server_set_public_ip(server, public_ip);
+  {
+    std::lock_guard<std::mutex> guard(g_print_mutex);
+    std::printf("listening on port %u, serving %s\n", static_cast<_FTP_SERVER_OBJECT*>(server)->port, root.c_str());
+    std::fflush(stdout);
+  }
+  int signal_number = 0;
+  sigwait(&stop_signals, &signal_number);
+  ftp_server_stop(server);
+  ftp_command_uninit();
+  socket_async_default_uninit();
+  std::printf("stopped on signal %d\n", signal_number);
+  return 0;
+}
+
+vektool::Registrar reg_ftpd{{"ftpd", "ftpd [--listen PORT] [--root DIR] [--user N:P[:LEVEL]]...",
+                             "serve a folder over FTP", run_ftpd}};
+
+}  // namespace
