@@ -13,7 +13,7 @@ namespace {
 
 using vektest::for_each_allocation_failure;
 
-class NetAllocFailureTest : public vektest::LeakCheckedTest {
+class NetAllocFailureTest : public vektest::AllocFailureFixture {
  protected:
   // The registry and the instrumentation handle are made on first use and
   // kept for the process: make them before any count is taken.

@@ -1,0 +1,215 @@
+// The protocol modules with their 1st, 2nd, ... allocation failing: a whole
+// FTP session (server and client both from this library), HTTP exchanges
+// against a real server and syslog sends. Each gives a failure result, never
+// crashes, and once everything is stopped and deleted nothing is left behind.
+#include <chrono>
+#include <string>
+#include <thread>
+
+#include <vekutil/vekutil.h>
+
+#include "alloc_failure.hpp"
+#include "ftp_fixture.hpp"
+#include "http_peers.hpp"
+#include "vek_test.hpp"
+
+namespace {
+
+using vektest::for_each_allocation_failure;
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool kSanitized = true;
+#else
+constexpr bool kSanitized = false;
+#endif
+
+// Sessions and worker threads end a moment after the calls that end them
+// return: waits (bounded) until nothing but kept tree nodes differs.
+void settle(const vektest::BlockCensus& start) {
+  for (int i = 0; i < 300 && !vektest::block_changes(start).empty(); ++i)
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+}
+
+class ProtocolAllocFailureTest : public vektest::AllocFailureFixture {
+ protected:
+  static void SetUpTestSuite() {
+    void* warm = nullptr;
+    if (socket_create(&warm) == 0) socket_delete(warm);
+    socket_instrument_handle();
+  }
+};
+
+// ---- FTP: start a server, log in, upload, download, delete, quit, stop.
+
+class FtpAllocFailureTest : public ProtocolAllocFailureTest {
+ protected:
+  void SetUp() override {
+    ProtocolAllocFailureTest::SetUp();
+    ASSERT_EQ(0, socket_async_default_init(socket_get_fd_setsize(), 0, 2000));
+    ftp_command_init();
+    root_ = dir_.path() + "/root";
+    ASSERT_EQ(0, directory_create(root_.c_str()));
+    vektest::write_file(root_ + "/keep.txt", "listed\n");
+    upload_ = dir_.file("upload.bin");
+    download_ = dir_.file("download.bin");
+    std::string content;
+    for (int i = 0; i < 3000; ++i) content += "line " + std::to_string(i) + "\n";
+    vektest::write_file(upload_, content);
+  }
+  void TearDown() override {
+    ftp_command_uninit();
+    socket_async_default_uninit();
+    ProtocolAllocFailureTest::TearDown();
+  }
+
+  // Returns true when every step of the session succeeded.
+  bool session(const vektest::BlockCensus& start) {
+    void* server = nullptr;
+    int rc = ftp_server_start(&server, 0, root_.c_str(), ftptest::accounts, nullptr, nullptr);
+    if (rc != 0) {
+      EXPECT_TRUE(rc == ERR_NO_MEMORY || rc == ERR_SYSTEM) << rc;
+      EXPECT_EQ(nullptr, server);
+      settle(start);
+      return false;
+    }
+    std::string address = "127.0.0.1:" + std::to_string(static_cast<_FTP_SERVER_OBJECT*>(server)->port);
+    bool ok = client_session(address) && listing(static_cast<_FTP_SERVER_OBJECT*>(server)->port);
+    ftp_server_stop(server);
+    settle(start);
+    std::remove(download_.c_str());
+    return ok;
+  }
+
+  bool client_session(const std::string& address) {
+    void* client = nullptr;
+    int rc = ftp_connect(&client, address.c_str());
+    if (rc != 0) {
+      EXPECT_EQ(nullptr, client);
+      return false;
+    }
+    // A wrong password first: refused, the session goes on.
+    bool ok = ftp_login(client, "writer", "wrong") == ERR_FTP_LOGIN_FAILED;
+    ftp_disconnect(client);
+    client = nullptr;
+    if (!ok || ftp_connect(&client, address.c_str()) != 0) return false;
+    ok = ftp_login(client, "admin", "pw") == 0 && ftp_put(client, upload_.c_str(), "up.bin") == 0 &&
+         ftp_get(client, "up.bin", download_.c_str()) == 0 && ftp_del(client, "up.bin") == 0;
+    if (ok) {
+      EXPECT_EQ(vektest::read_file(upload_), vektest::read_file(download_));
+    }
+    ftp_disconnect(client);
+    return ok;
+  }
+
+  // A directory listing over a raw control connection (the client has no
+  // LIST): true when it arrives complete with its 125 and 226 replies.
+  bool listing(int port) {
+    ftptest::Control control(port);
+    if (!control.ok() || control.greeting() != "220 FTP server ready\r\n" || !control.login("reader")) return false;
+    int data = ftptest::connect_passive(control.cmd("PASV", kReplyWait));
+    if (data < 0) return false;
+    bool ok = control.cmd("LIST", kReplyWait).rfind("125", 0) == 0;
+    std::string text;
+    char buf[4096];
+    for (ssize_t n; ok && (n = recv(data, buf, sizeof buf, 0)) > 0;) text.append(buf, static_cast<size_t>(n));
+    close(data);
+    ok = ok && control.line(kReplyWait).rfind("226", 0) == 0;
+    if (ok) {
+      EXPECT_NE(std::string::npos, text.find("keep.txt")) << text;
+    }
+    return ok;
+  }
+
+  static constexpr int kReplyWait = 2000;
+  vektest::TempDir dir_;
+  std::string root_, upload_, download_;
+};
+
+// A session makes about a hundred allocations on both sides, each run taking
+// some tens of milliseconds; under the sanitizers every third one fails.
+TEST_F(FtpAllocFailureTest, WholeSession) {
+  vektest::BlockCensus start = vektest::take_block_census();
+  // The default acceptor's descriptor table is made when it first waits on
+  // a socket and kept: one session first.
+  ASSERT_TRUE(session(start));
+  start = vektest::take_block_census();
+  int runs = for_each_allocation_failure([&] { return session(start); }, 20000, kSanitized ? 3 : 1);
+  EXPECT_GT(runs, 50);
+}
+
+// ---- HTTP: GET with a length, a chunked GET and a POST against Python's
+// http.server.
+
+TEST_F(ProtocolAllocFailureTest, HttpExchanges) {
+  vektest::TempDir dir;
+  httptest::PythonPeer peer(dir);
+  ASSERT_TRUE(peer.ok());
+  struct Case {
+    const char* path;
+    int method;
+    const char* data;
+    const char* expected_body_start;
+  };
+  const Case cases[] = {
+      {"/echo?x=1", HTTP_METHOD_GET, nullptr, "GET /echo?x=1 HTTP/1.1"},
+      {"/chunked", HTTP_METHOD_GET, nullptr, ""},
+      {"/echo", HTTP_METHOD_POST, "name=value&other=thing", "POST /echo HTTP/1.1"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.path);
+    const std::string url = peer.url(c.path);
+    for_each_allocation_failure([&] {
+      HTTP_REQUEST* request = nullptr;
+      HTTP_RESPONSE* response = nullptr;
+      int rc = http_request_create(&request);
+      if (rc == 0) rc = http_response_create(&response);
+      bool ok = false;
+      if (rc == 0) {
+        request->url = url.c_str();
+        request->method = c.method;
+        request->data = c.data;
+        request->data_len = c.data ? (int)std::strlen(c.data) : 0;
+        request->timeout = 2000;
+        rc = http_client(request, response);
+        ok = rc == 0;
+        if (ok) {
+          EXPECT_EQ(200, response->status);
+          EXPECT_EQ(0, std::string(response->data ? response->data : "").rfind(c.expected_body_start, 0));
+        }
+      }
+      EXPECT_TRUE(ok || rc < 0) << rc;
+      if (response) http_response_delete(response);
+      if (request) http_request_delete(request);
+      return ok;
+    });
+  }
+}
+
+// ---- syslog: sends to a collector, which itself is created and deleted
+// with its allocations failing in turn.
+
+TEST_F(ProtocolAllocFailureTest, SyslogSendsAndCollector) {
+  for_each_allocation_failure([] {
+    int rc = syslog_remote_ex("127.0.0.1:9", 1, 5, 1700000000000LL, "alloc host", "a message that goes nowhere");
+    if (rc != 0) {
+      EXPECT_EQ(ERR_NO_MEMORY, rc);
+    }
+    return rc == 0;
+  });
+  for_each_allocation_failure([] {
+    void* collector = nullptr;
+    int rc = syslog_collector_create(&collector, 0, [](int, int, long long, const char*, const char*, void*) {},
+                                     nullptr);
+    if (rc != 0) {
+      EXPECT_TRUE(rc == ERR_NO_MEMORY || rc == ERR_SYSTEM) << rc;
+      return false;
+    }
+    std::string address = "127.0.0.1:" + std::to_string(syslog_collector_port(collector));
+    rc = syslog_remote(address.c_str(), 1, 5, "hello collector");
+    EXPECT_TRUE(rc == 0 || rc == ERR_NO_MEMORY) << rc;
+    syslog_collector_delete(collector);
+    return rc == 0;
+  });
+}
+
+}  // namespace
