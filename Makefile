@@ -14,7 +14,7 @@ TEST_DEPS  := openssl curl python3 sqlite3 tinyproxy dante-server microsocks ngi
               python3-pyftpdlib rsyslog bsdutils
 BENCH_DEPS := libcjson-dev libglib2.0-dev zlib1g-dev libcurl4-openssl-dev sqlite3 vsftpd curl
 
-.PHONY: all deps test-deps test-i386 build-fuzz-targets fuzz run test deb deb-check test-plain test-asan test-tsan test-fuzz bench install clean
+.PHONY: all deps test-deps test-i386 build-fuzz-targets fuzz soak run test deb deb-check test-plain test-asan test-tsan test-fuzz bench install clean
 
 all: deps
 	$(CONFIGURE)
@@ -82,6 +82,15 @@ fuzz: build-fuzz-targets
 	  $$f -max_total_time=$$(( $(FUZZ_MINUTES) * 60 )) -rss_limit_mb=2048 -print_final_stats=1 $$kept || exit 1; \
 	  $$f -merge=1 build-fuzz/min/$$name $$kept >/dev/null 2>&1 && rm -rf $$kept && mv build-fuzz/min/$$name $$kept; \
 	done
+
+# `vekutil ftpd` for SOAK_MINUTES under a steady mixed client load on
+# loopback; samples memory every minute into $(BUILD)/soak/soak.svg and fails
+# when it keeps growing after the first five minutes. Not part of `make test`.
+SOAK_MINUTES ?= 30
+soak: deps
+	$(CONFIGURE)
+	$(CMAKE) --build $(BUILD) -j $(JOBS) --target vekutil_tool
+	/usr/bin/python3 scripts/soak_ftpd.py --tool $(BUILD)/tools/vekutil --minutes $(SOAK_MINUTES) --out $(BUILD)/soak
 
 bench: deps
 	@./scripts/install-deps.sh $(BENCH_DEPS)
