@@ -4,8 +4,10 @@
 // root. Each input is one session: either raw bytes, or lines whose first
 // byte picks a command word and whose rest is its argument. The harness
 // opens the data connections that PASV announces, so transfers run too.
-// After each session: the library's block count is back where it was, and
-// nothing outside the root has changed.
+// Each session gets a server of its own, so that command threads it
+// started are gone again when the counts are compared. After each session:
+// the library's live blocks are back where they were (tree nodes aside, see
+// fuzz_util.hpp), and nothing outside the root has changed.
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <poll.h>
@@ -32,6 +34,8 @@
 #include <vekutil/socket.async.h>
 #include <vekutil/socket.h>
 
+#include "fuzz_util.hpp"
+
 namespace {
 
 namespace fs = std::filesystem;
@@ -48,7 +52,7 @@ struct Harness {
   std::string base, root;
   void* server = nullptr;
   int port = 0;
-  long long blocks = 0;
+  BlockCensus blocks;
   std::map<std::string, std::string> outside;
 };
 
@@ -194,6 +198,16 @@ void wait_session_end() {
   }
 }
 
+// Starts a server, runs one session against it and stops it again.
+void serve_session(const std::string& bytes) {
+  if (ftp_server_start(&g_h->server, 0, g_h->root.c_str(), auth, nullptr, nullptr) != 0) std::abort();
+  g_h->port = static_cast<_FTP_SERVER_OBJECT*>(g_h->server)->port;
+  run_session(bytes);
+  wait_session_end();
+  ftp_server_stop(g_h->server);
+  g_h->server = nullptr;
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
@@ -210,16 +224,11 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
   reset_root(g_h->base);
   g_h->outside = snapshot(g_h->base);
   if (socket_async_default_init(socket_get_fd_setsize(), 0, 2000) != 0) std::abort();
-  if (ftp_server_start(&g_h->server, 0, g_h->root.c_str(), auth, nullptr, nullptr) != 0) std::abort();
-  g_h->port = static_cast<_FTP_SERVER_OBJECT*>(g_h->server)->port;
   // One session first, so that what the library makes once per process
   // (the socket registry and its group) is not taken for a leak.
-  run_session("USER 3\r\nPASS pw\r\nPASV\r\nLIST\r\nPASV\r\nRETR file.txt\r\nQUIT\r\n");
-  wait_session_end();
-  usleep(100000);
-  g_h->blocks = vekMemoryBlockUsed();
+  serve_session("USER 3\r\nPASS pw\r\nPASV\r\nLIST\r\nPASV\r\nRETR file.txt\r\nQUIT\r\n");
+  g_h->blocks = block_census();
   std::atexit([] {
-    ftp_server_stop(g_h->server);
     std::error_code ec;
     fs::remove_all(g_h->base, ec);
   });
@@ -229,14 +238,15 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (size > 4096) return 0;
   reset_root(g_h->base);
-  run_session(session_bytes(data, size));
-  wait_session_end();
+  serve_session(session_bytes(data, size));
   // The worker deletes the control socket just after the session's end, so
   // the count may take a moment to come back.
   auto deadline = Clock::now() + std::chrono::seconds(10);
-  while (vekMemoryBlockUsed() != g_h->blocks) {
+  while (block_census() != g_h->blocks) {
     if (Clock::now() > deadline) {  // the session left blocks behind
-      std::fprintf(stderr, "blocks: %lld after the session, %lld before\n", vekMemoryBlockUsed(), g_h->blocks);
+      for (const auto& [where, n] : block_census())
+        if (!g_h->blocks.count(where) || g_h->blocks.at(where) != n)
+          std::fprintf(stderr, "%s: %ld blocks after the session\n", where.c_str(), n);
       std::abort();
     }
     usleep(100);
