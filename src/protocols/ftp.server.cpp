@@ -300,7 +300,14 @@ int _ftp_accepter_callback(int, void* listener, void* custom) {
     socket_delete(socket);
     return SOCKET_ASYNC_KEEP;
   }
-  btree_insert(srv->pub.session_btree, s);
+  // A session missing from the tree could not be shut down by
+  // ftp_server_stop, which would then wait for it as long as its client
+  // stays: one that cannot be filed is refused at once.
+  if (btree_insert(srv->pub.session_btree, s) != s) {
+    end_session(s);
+    socket_delete(socket);
+    return SOCKET_ASYNC_KEEP;
+  }
   reply(&s->pub, "220 FTP server ready\r\n");
   int rc = socket_async_worker_add_recv(srv->pub.socket_async_ftp_server_worker, socket, 0,
                                         _ftp_client_handler_callback, s);
