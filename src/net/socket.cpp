@@ -383,7 +383,13 @@ int _socket_create(void** handle, const char* file, int line) {
   install_tcp(s);
   s->file = file;
   s->line = line;
-  btree_insert(registry(), s);
+  // A socket missing from the registry would be invisible to
+  // socket_foreach: one that cannot be filed is not made.
+  if (btree_insert(registry(), s) != s) {
+    _vekFree(s, kSource, __LINE__);
+    *handle = nullptr;
+    return ERR_NO_MEMORY;
+  }
   instrument_add(socket_instrument_handle(), s);
   *handle = s;
   return 0;

@@ -33,6 +33,16 @@ TEST_F(NetAllocFailureTest, SocketCreate) {
       EXPECT_EQ(nullptr, socket);
       return false;
     }
+    // Whatever failed on the way, a socket handed out is a registered one.
+    struct Search {
+      void* wanted;
+      bool found;
+    } search{socket, false};
+    socket_foreach([](const void* elem, void* custom) {
+      auto* s = static_cast<Search*>(custom);
+      if (elem == s->wanted) s->found = true;
+    }, &search);
+    EXPECT_TRUE(search.found) << "a socket missing from the registry";
     socket_delete(socket);
     return true;
   });
