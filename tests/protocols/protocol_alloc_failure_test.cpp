@@ -41,7 +41,8 @@ class ProtocolAllocFailureTest : public vektest::AllocFailureFixture {
   }
 };
 
-// ---- FTP: start a server, log in, upload, download, delete, quit, stop.
+// ---- FTP: start a server, a refused login, log in, upload, download,
+// delete, a listing, directory and rename commands, stop.
 
 class FtpAllocFailureTest : public ProtocolAllocFailureTest {
  protected:
@@ -79,7 +80,8 @@ class FtpAllocFailureTest : public ProtocolAllocFailureTest {
       return false;
     }
     std::string address = "127.0.0.1:" + std::to_string(static_cast<_FTP_SERVER_OBJECT*>(server)->port);
-    bool ok = client_session(address) && listing(static_cast<_FTP_SERVER_OBJECT*>(server)->port);
+    const int port = static_cast<_FTP_SERVER_OBJECT*>(server)->port;
+    bool ok = client_session(address) && listing(port) && tree_commands(port);
     ftp_server_stop(server);
     if (start) settle(*start);
     std::remove(download_.c_str());
@@ -124,6 +126,19 @@ class FtpAllocFailureTest : public ProtocolAllocFailureTest {
       EXPECT_NE(std::string::npos, text.find("keep.txt")) << text;
     }
     return ok;
+  }
+
+  // Directory and name commands over a raw control connection: true when
+  // every reply is a positive one (2xx, or 3xx for RNFR).
+  bool tree_commands(int port) {
+    ftptest::Control control(port);
+    if (!control.ok() || control.greeting() != "220 FTP server ready\r\n" || !control.login("admin")) return false;
+    for (const char* command : {"MKD made", "CWD made", "PWD", "CDUP", "RNFR made", "RNTO renamed", "CWD /renamed",
+                                "CWD ..", "RMD renamed", "TYPE A", "NOOP"}) {
+      std::string reply = control.cmd(command, kReplyWait);
+      if (reply.empty() || (reply[0] != '2' && reply[0] != '3')) return false;
+    }
+    return control.cmd("QUIT", kReplyWait).rfind("221", 0) == 0;
   }
 
   static constexpr int kReplyWait = 2000;
