@@ -356,9 +356,12 @@ def main():
             quiet = load.pause()
             time.sleep(1.0)  # sessions the clients just closed end on the server
             memory = server.status() if has_status else None
-            sample = {"minute": minute, "rss": rss_kib(server.process.pid),
-                      "blocks": memory.get("blocks") if memory else None,
-                      "kib": (memory.get("bytes") // 1024) if memory and memory.get("bytes") is not None else None}
+            # Bytes are counted in the allocator's debug mode only; 0 beside
+            # live blocks means "not counted".
+            blocks = memory.get("blocks") if memory else None
+            kib = memory.get("bytes") if memory else None
+            kib = kib // 1024 if kib else None
+            sample = {"minute": minute, "rss": rss_kib(server.process.pid), "blocks": blocks, "kib": kib}
             load.go_on()
             samples.append(sample)
             with load.lock:
