@@ -96,13 +96,15 @@ struct OpenDirectory {
 };
 
 // The directories being emptied, innermost last, in a block that grows as
-// the walk goes deeper (never one stack frame per level).
+// the walk goes deeper (never one stack frame per level). Names may be null
+// (the top one is): vek::release skips those, since releasing a null
+// pointer would count one block down in the allocator's default mode.
 class DirectoryStack {
  public:
   DirectoryStack() = default;
   ~DirectoryStack() {
     while (count_ > 0) pop();
-    _vekFree(items_, kSource, __LINE__);
+    vek::release(items_, kSource, __LINE__);
   }
   DirectoryStack(const DirectoryStack&) = delete;
   DirectoryStack& operator=(const DirectoryStack&) = delete;
@@ -114,7 +116,7 @@ class DirectoryStack {
   bool push(DIR* dir, const char* name) {
     char* copy = name ? clone_string(name, -1) : nullptr;
     if ((name && !copy) || !reserve()) {
-      _vekFree(copy, kSource, __LINE__);
+      vek::release(copy, kSource, __LINE__);
       closedir(dir);
       return false;
     }
@@ -125,7 +127,7 @@ class DirectoryStack {
   void pop() {
     OpenDirectory& d = items_[--count_];
     closedir(d.dir);
-    _vekFree(d.name, kSource, __LINE__);
+    vek::release(d.name, kSource, __LINE__);
   }
 
  private:
@@ -169,7 +171,7 @@ void empty_tree(DirectoryStack& open) {
       current.name = nullptr;
       open.pop();
       if (name && !open.empty()) unlinkat(dirfd(open.top().dir), name, AT_REMOVEDIR);
-      _vekFree(name, kSource, __LINE__);
+      vek::release(name, kSource, __LINE__);
       continue;
     }
     if (is_dot_or_dotdot(entry->d_name)) continue;
@@ -248,7 +250,7 @@ int directory_foreach(const char* name, int recursive, directory_fefunc func, vo
   for (int i = 0; i < count; ++i) {
     char* path = join_path(name, names[i]);
     if (path) visit_entry(path, recursive, func, custom);
-    _vekFree(path, kSource, __LINE__);
+    vek::release(path, kSource, __LINE__);
   }
   free_list(names);
   return 0;
