@@ -119,16 +119,11 @@ TEST_F(TlsTest, SetUpOnceAndRefusedArguments) {
   const int refused[][2] = {
       {ERR_INVALID_PARAMETER, ssl_ctx_create(nullptr)},
       {ERR_INVALID_HANDLE, ssl_ctx_delete(nullptr)},
-      {ERR_INVALID_HANDLE, ssl_ctx_set_key_file(nullptr, "k")},
-      {ERR_INVALID_HANDLE, ssl_ctx_set_calist_load_system(nullptr)},
-      {ERR_INVALID_HANDLE, ssl_ctx_set_passwd(nullptr, "x")},
-      {ERR_INVALID_HANDLE, ssl_ctx_set_verify(nullptr, 1, 1)},
       {ERR_INVALID_PARAMETER, ssl_ctx_set_packed_file(ctx.h, nullptr)},
       {ERR_INVALID_PARAMETER, ssl_ctx_set_passwd(ctx.h, nullptr)},
       {0, ssl_ctx_check(nullptr)},
       {ERR_INVALID_HANDLE, ssl_connect(nullptr, ctx.h)},
       {ERR_INVALID_HANDLE, _ssl_morph(nullptr)},
-      {ERR_INVALID_HANDLE, _ssl_recv2(nullptr, nullptr, nullptr, 1)},
       // A socket that is not morphed is never taken for a TLS one.
       {ERR_INVALID_HANDLE, _ssl_close(plain.get())},
       {ERR_INVALID_HANDLE, _ssl_send(plain.get(), "x", 1)},
