@@ -57,11 +57,9 @@ class HttpPythonTest : public vektest::LeakCheckedTest {
   }
   static std::string url(const std::string& path) { return peer_->url(path); }
 
-  static vektest::TempDir* dir_;
-  static httptest::PythonPeer* peer_;
+  static inline vektest::TempDir* dir_ = nullptr;
+  static inline httptest::PythonPeer* peer_ = nullptr;
 };
-vektest::TempDir* HttpPythonTest::dir_ = nullptr;
-httptest::PythonPeer* HttpPythonTest::peer_ = nullptr;
 
 TEST_F(HttpPythonTest, RequestLineAndHeadersAsTheServerSawThem) {
   const std::string port = std::to_string(peer_->port());
