@@ -425,16 +425,9 @@ TEST(SyslogRsyslogTest, RsyslogRecordsFacilityLevelHostAndMessage) {
 
 // ---- the command-line tool -------------------------------------------------
 
-std::string tool_path() {
-  char path[4096] = {};
-  const ssize_t n = readlink("/proc/self/exe", path, sizeof path - 1);
-  const std::string exe(path, n > 0 ? static_cast<size_t>(n) : 0);
-  return exe.substr(0, exe.find_last_of('/')) + "/../tools/vekutil";
-}
-
 TEST(UdpToolTest, SyslogStatsdAndSyslogdCommands) {
-  const std::string tool = tool_path();
-  if (access(tool.c_str(), X_OK) != 0) GTEST_SKIP() << "the vekutil tool is not built";
+  const std::string tool = vektest::tool_path();
+  if (tool.empty()) GTEST_SKIP() << "the vekutil tool is not built";
   RawUdp sink;
   struct Case {
     std::vector<std::string> args;
