@@ -246,6 +246,19 @@ JSON* memory_figures() {
   return memory;
 }
 
+// "host:port" with a port from 1 to 65535; the host is looked up when used.
+bool host_and_port(const std::string& address) {
+  size_t colon = address.rfind(':');
+  if (colon == std::string::npos || colon == 0 || colon + 1 == address.size() || colon + 6 < address.size())
+    return false;
+  long port = 0;
+  for (size_t i = colon + 1; i < address.size(); ++i) {
+    if (!std::isdigit(static_cast<unsigned char>(address[i]))) return false;
+    port = port * 10 + (address[i] - '0');
+  }
+  return port >= 1 && port <= 65535;
+}
+
 }  // namespace
 
 int level_from_text(const std::string& text) {
@@ -425,20 +438,28 @@ bool Appliance::start(const Settings& settings, std::string* error) {
     *error = "no accounts database (--db FILE)";
     return false;
   }
+  for (const std::string* address : {&settings.statsd, &settings.syslog}) {
+    if (!address->empty() && !host_and_port(*address)) {
+      *error = "bad address \"" + *address + "\", want HOST:PORT";
+      return false;
+    }
+  }
   if (!accounts_.open(settings.db, error)) return false;
   if (!settings.statsd.empty() && statsd_create(&statsd_, settings.statsd.c_str()) != 0) {
-    *error = "bad statsd address " + settings.statsd;
+    *error = "cannot publish to statsd at " + settings.statsd;
     stop();
     return false;
   }
+  bool claimed = false;
   {
     std::lock_guard<std::mutex> guard(g_active_mutex);
-    if (g_active) {
-      *error = "another FTP appliance runs in this process";
-      stop();
-      return false;
-    }
-    g_active = this;
+    if (!g_active) g_active = this;
+    claimed = g_active == this;
+  }
+  if (!claimed) {
+    *error = "another FTP appliance runs in this process";
+    stop();
+    return false;
   }
   if (!g_socket_async_default_acceptor) {
     int rc = socket_async_default_init(socket_get_fd_setsize(), 0, 2000);

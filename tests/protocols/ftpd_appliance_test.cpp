@@ -348,6 +348,108 @@ TEST_F(ApplianceTest, SiteStatusRefusals) {
   EXPECT_EQ(0u, control.cmd("SITE CHMOD 777 x").rfind("504 ", 0));
 }
 
+// Eight clients at once: every login, upload and download is counted and
+// reported once, with its own session's address and user.
+constexpr const char* kParallelScript = R"PY(
+import ftplib, io, sys, threading
+port = int(sys.argv[1])
+errors = []
+def session(i):
+    try:
+        f = ftplib.FTP()
+        f.connect('127.0.0.1', port, timeout=30)
+        f.login('admin', 'admin-pw')
+        f.storbinary('STOR p%d.bin' % i, io.BytesIO(bytes([i]) * (100000 + i)))
+        got = []
+        f.retrbinary('RETR p%d.bin' % i, got.append)
+        if b''.join(got) != bytes([i]) * (100000 + i):
+            errors.append('content %d' % i)
+        f.quit()
+    except Exception as e:
+        errors.append(repr(e))
+threads = [threading.Thread(target=session, args=(i,)) for i in range(8)]
+for t in threads: t.start()
+for t in threads: t.join()
+print('errors:', errors)
+)PY";
+
+TEST_F(ApplianceTest, ParallelSessionsAreEachCountedAndReportedOnce) {
+  start_with_collectors();
+  std::string out;
+  ASSERT_EQ(0, ftptest::run_python(kParallelScript, {std::to_string(port_)}, &out)) << out;
+  EXPECT_EQ("errors: []\n", out);
+  for (int i = 0; i < 8; ++i) {
+    const std::string name = "/p" + std::to_string(i) + ".bin user admin from 127.0.0.1:";
+    EXPECT_TRUE(events_.wait_for({"<6>ftpd: upload " + name})) << events_.dump();
+    EXPECT_TRUE(events_.wait_for({"<6>ftpd: download " + name})) << events_.dump();
+  }
+  auto count_of = [&](const std::string& metric) {
+    std::string all = statsd_.inbox.dump();
+    size_t n = 0;
+    for (size_t at = all.find(metric); at != std::string::npos; at = all.find(metric, at + 1)) ++n;
+    return n;
+  };
+  EXPECT_TRUE(statsd_.inbox.wait_for({"ftp.transfer.RETR:"}));
+  for (int round = 0; round < 100 && count_of("ftp.transfer.RETR:") < 8; ++round)
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  EXPECT_EQ(8u, count_of("ftp.login.ok:1|c"));
+  EXPECT_EQ(8u, count_of("ftp.cmd.STOR.ok:1|c"));
+  EXPECT_EQ(8u, count_of("ftp.transfer.STOR:"));
+  EXPECT_EQ(8u, count_of("ftp.transfer.RETR:"));
+}
+
+TEST_F(ApplianceTest, RefusedStartsLeaveNothingRunning) {
+  const int busy_port = [&] {
+    Settings first = settings_;
+    std::string error;
+    EXPECT_TRUE(appliance_.start(first, &error)) << error;
+    return static_cast<int>(appliance_.port());
+  }();
+  struct Case {
+    const char* name;
+    std::function<void(Settings*)> change;
+    const char* error;
+  };
+  const std::vector<Case> cases = {
+      {"second appliance", [](Settings*) {}, "another FTP appliance"},
+      {"no database", [](Settings* s) { s->db.clear(); }, "no accounts database"},
+      {"database in a missing folder", [&](Settings* s) { s->db = dir_.file("none/x.db"); }, "x.db"},
+      {"statsd without port", [](Settings* s) { s->statsd = "127.0.0.1"; }, "bad address"},
+      {"statsd port zero", [](Settings* s) { s->statsd = "127.0.0.1:0"; }, "bad address"},
+      {"syslog port text", [](Settings* s) { s->syslog = "127.0.0.1:syslog"; }, "bad address"},
+      {"syslog port too big", [](Settings* s) { s->syslog = "127.0.0.1:65536"; }, "bad address"},
+  };
+  Appliance second;
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    Settings settings = settings_;
+    c.change(&settings);
+    std::string error;
+    EXPECT_FALSE(second.start(settings, &error));
+    EXPECT_NE(std::string::npos, error.find(c.error)) << error;
+    EXPECT_FALSE(second.running());
+  }
+  // The first one still serves.
+  ftptest::Control control(busy_port);
+  EXPECT_EQ(0u, control.greeting().rfind("220 ", 0));
+  appliance_.stop();
+  // A port some other listener holds refuses the next start.
+  int holder = socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in any{};
+  any.sin_family = AF_INET;
+  socklen_t size = sizeof any;
+  ASSERT_EQ(0, bind(holder, reinterpret_cast<sockaddr*>(&any), sizeof any));
+  ASSERT_EQ(0, listen(holder, 1));
+  ASSERT_EQ(0, getsockname(holder, reinterpret_cast<sockaddr*>(&any), &size));
+  Settings taken = settings_;
+  taken.port = ntohs(any.sin_port);
+  std::string error;
+  EXPECT_FALSE(second.start(taken, &error));
+  EXPECT_NE(std::string::npos, error.find("cannot listen on port")) << error;
+  EXPECT_FALSE(second.running());
+  close(holder);
+}
+
 // ---- accounts and settings without a server ---------------------------------
 
 class AccountsTest : public vektest::LeakCheckedTest {
