@@ -7,9 +7,8 @@ namespace ftpd_appliance {
 
 // The ftpd command's usage line: the plain server and the appliance.
 inline constexpr const char* kCommandUsage =
-    "ftpd [--listen PORT] [--root DIR] [--user N:P[:LEVEL]]... | ftpd [--config FILE] --db FILE "
-    "[--listen PORT] [--root DIR] [--statsd H:P] [--syslog H:P] | ftpd --db FILE user "
-    "add NAME [--level read|write|all] | passwd NAME | disable NAME | del NAME | list";
+    "ftpd [--db FILE [user add|passwd|disable|del|list [NAME] [--level read|write|all]]] [--config FILE] "
+    "[--listen PORT] [--root DIR] [--statsd H:P] [--syslog H:P] [--public-ip ADDR] [--user N:P[:LEVEL]]...";
 // True when the command line asks for the appliance.
 bool handles(int argc, char** argv);
 // Runs `vekutil ftpd ...` as the appliance; returns the exit code.

@@ -279,7 +279,7 @@ TEST_F(ApplianceTest, CurlDownloadsAndUploadsWithDatabaseAccounts) {
   // curl's "login denied" for a wrong password, a disabled and an unknown user.
   for (const char* user : {"reader:nope", "gone:gone-pw", "nobody:x"}) {
     SCOPED_TRACE(user);
-    EXPECT_EQ(67, curl(user, {url()}, &out));
+    EXPECT_EQ(67, vektest::run_program({"curl", "-s", "--max-time", "30", "--user", user, url()}, &out));
   }
   // The successful logins were recorded.
   std::vector<ftpd_appliance::AccountRow> rows;
