@@ -180,7 +180,7 @@ int run_demo(const std::string& scratch) {
   std::sort(metrics.begin(), metrics.end());
   metrics.erase(std::unique(metrics.begin(), metrics.end()), metrics.end());
   std::printf("  statsd received %zu distinct metric(s):", metrics.size());
-  for (const std::string& m : metrics) std::printf(" %s", m.c_str());
+  for (size_t i = 0; i < metrics.size(); ++i) std::printf("%s%s", i % 4 ? "  " : "\n    ", metrics[i].c_str());
   std::printf("\n  syslog received:\n");
   for (const std::string& e : events.take()) std::printf("    %s\n", e.c_str());
   return ok ? 0 : 1;
