@@ -12,6 +12,7 @@
 #include <vekutil/vekutil.h>
 
 #include "command.hpp"
+#include "ftpd_appliance_cli.hpp"
 
 namespace {
 
@@ -78,6 +79,7 @@ int usage_error(const char* message) {
 }
 
 int run_ftpd(int argc, char** argv) {
+  if (ftpd_appliance::handles(argc, argv)) return ftpd_appliance::run(argc, argv);
   long port = 2121;
   std::string root = ".";
   const char* public_ip = nullptr;
@@ -139,7 +141,7 @@ int run_ftpd(int argc, char** argv) {
   return 0;
 }
 
-vektool::Registrar reg_ftpd{{"ftpd", "ftpd [--listen PORT] [--root DIR] [--user N:P[:LEVEL]]...",
+vektool::Registrar reg_ftpd{{"ftpd", ftpd_appliance::kCommandUsage,
                              "serve a folder over FTP", run_ftpd}};
 
 }  // namespace

@@ -19,6 +19,7 @@
 #include <vekutil/vekutil.h>
 
 #include "command.hpp"
+#include "socket_util.hpp"
 
 namespace {
 
@@ -252,7 +253,7 @@ int run_connect(int argc, char** argv) {
     return 1;
   }
   rc = morph_if_secure(sock, o) == 0 ? Relay(sock, o.secure).run() : 1;
-  socket_delete(sock);
+  vektool::drain_then_delete(sock, o.timeout);
   return rc;
 }
 
@@ -286,7 +287,7 @@ int run_listen(int argc, char** argv) {
     return 1;
   }
   rc = morph_if_secure(client, o) == 0 ? Relay(client, o.secure).run() : 1;
-  socket_delete(client);
+  vektool::drain_then_delete(client, o.timeout);
   return rc;
 }
 

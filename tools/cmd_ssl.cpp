@@ -21,6 +21,7 @@
 #include <vekutil/vekutil.h>
 
 #include "command.hpp"
+#include "socket_util.hpp"
 
 namespace {
 
@@ -177,7 +178,7 @@ int run_tls(int argc, char** argv) {
     print_session(sock, o.verify);
     rc = copy_streams(sock);
   }
-  socket_delete(sock);
+  vektool::drain_then_delete(sock, 10000);
   ssl_ctx_delete(ctx);
   return rc;
 }

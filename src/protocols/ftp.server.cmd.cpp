@@ -524,7 +524,7 @@ int cmd_quit(void* p, const char*, const char*) {
   Client* co = client(p);
   reply(co, "221 Goodbye.\r\n");
   socket_shutdown(co->socket);
-  session_of(p)->closing.store(1);
+  session_of(p)->closing.store(kClosingShutDown);
   return 0;
 }
 
@@ -743,12 +743,51 @@ bool announced_address(Client* co, char* out, size_t cap) {
   return true;
 }
 
+struct PortRange {
+  int low = 32768;
+  int high = 60999;
+};
+
+PortRange ephemeral_ports() {
+  PortRange range;
+  FILE* f = std::fopen("/proc/sys/net/ipv4/ip_local_port_range", "r");
+  if (f) {
+    int low = 0, high = 0;
+    if (std::fscanf(f, "%d %d", &low, &high) == 2 && low > 0 && high >= low && high < 65536) range = {low, high};
+    std::fclose(f);
+  }
+  return range;
+}
+
+// A listening socket on a free port for a passive data connection. Ports
+// are drawn at random from the system's ephemeral range and bound by
+// number: with thousands of finished data connections in TIME_WAIT, letting
+// the kernel search for a free port (binding port 0) costs more than the
+// transfer itself. Port 0 remains the last resort.
+void* passive_listener() {
+  static const PortRange range = ephemeral_ports();
+  thread_local unsigned long long state = (unsigned long long)time_now() ^ (unsigned long long)(uintptr_t)&state;
+  for (int attempt = 0; attempt < 16; ++attempt) {
+    state ^= state << 13;
+    state ^= state >> 7;
+    state ^= state << 17;
+    char addr[32];
+    snprintf(addr, sizeof addr, "0.0.0.0:%d", range.low + (int)(state % (unsigned)(range.high - range.low + 1)));
+    void* listener = nullptr;
+    if (_socket_listen(&listener, addr, kSource, __LINE__) == 0) return listener;
+    if (listener) socket_unlisten(listener);
+  }
+  void* listener = nullptr;
+  if (_socket_listen(&listener, "0.0.0.0:0", kSource, __LINE__) == 0) return listener;
+  if (listener) socket_unlisten(listener);
+  return nullptr;
+}
+
 int cmd_pasv(void* p, const char*, const char*) {
   Client* co = client(p);
   drop_passive_listener(co);
-  void* listener = nullptr;
-  int rc = _socket_listen(&listener, "0.0.0.0:0", kSource, __LINE__);
-  int port = rc == 0 ? listening_port(listener) : -1;
+  void* listener = passive_listener();
+  int port = listener ? listening_port(listener) : -1;
   char address[64];
   if (port < 0 || !announced_address(co, address, sizeof address)) {
     if (listener) socket_unlisten(listener);

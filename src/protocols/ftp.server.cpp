@@ -9,6 +9,7 @@
 // and then resumes the socket. A session therefore has at most one command
 // running, and sessions run in parallel on as many command threads as they
 // need.
+#include <poll.h>
 #include <sys/socket.h>
 
 #include <cerrno>
@@ -26,6 +27,7 @@
 #include "core/internal.hpp"
 #include "core/scoped_lock.hpp"
 #include "protocols/ftp.server.internal.hpp"
+#include "threads/threads.internal.hpp"
 
 namespace vek::ftp {
 namespace {
@@ -33,13 +35,14 @@ namespace {
 constexpr const char* kSource = kServerSource;
 constexpr int kLineTimeoutMs = 600000;
 constexpr int kWorkerPeriodMs = 2000;
-constexpr int kCommandStack = 256 * 1024;
+constexpr int kCommandStack = vek::threads::kCallerCodeStackMin;  // runs the host's callbacks
 constexpr int kSweeperStack = 64 * 1024;
 constexpr int kSweepMs = 1000;
 constexpr int kIdleThreadMs = 10000;   // an idle command thread retires after this long
 constexpr int kMaxCommandThreads = 2048;
 constexpr int kMaxBadLogins = 6;
 constexpr int kAcceptRetryMs = 20;
+constexpr int kNextLineWaitMs = 5;  // a command thread waits this long for a session's next line
 
 // ---- Line assembly.
 
@@ -196,26 +199,54 @@ bool run_line(Session* s, const char* line) {
   return ++co->bad_command < kMaxBadLogins;
 }
 
-// Command-thread side of a session: runs the complete lines in its buffer,
-// then watches the control socket again. An ending session has its control
-// socket shut down; the worker then sees the end of stream and ends it.
-void run_session(Session* s) {
-  Server* srv = s->srv;
-  bool keep = true;
+// Runs every complete line in the session's buffer; false when the session
+// must end.
+bool run_complete_lines(Session* s) {
   for (;;) {
     int end = line_end(s->in, s->in_len);
-    if (end < 0) break;
+    if (end < 0) return true;
     char line[FTP_SERVER_LINE_SIZE];
     std::memcpy(line, s->in, (size_t)end);
     line[end] = '\0';  // the line as received: its CR, no LF
     s->in_len -= end + 1;
     std::memmove(s->in, s->in + end + 1, (size_t)s->in_len);
-    keep = run_line(s, line) && !s->closing.load();
-    if (!keep) break;
+    if (!run_line(s, line) || s->closing.load()) return false;
   }
-  if (!keep) {
-    s->closing.store(1);
-    socket_shutdown(s->pub.socket);
+}
+
+// Waits a moment on the control socket for the client's next command. A
+// client usually sends it as soon as it has the reply; taking it here spares
+// the hand-over to the worker and back to a command thread. True when a
+// whole line has arrived; an incomplete one stays in the buffer, and one too
+// long ends the session.
+bool next_line_soon(Session* s) {
+  int fd = socket_descriptor(s->pub.socket);
+  long long until = time_now() + kNextLineWaitMs;
+  for (;;) {
+    long long left = until - time_now();
+    struct pollfd p = {fd, POLLIN, 0};
+    if (left <= 0 || poll(&p, 1, (int)left) <= 0 || !(p.revents & POLLIN)) return false;
+    int room = FTP_SERVER_LINE_SIZE - s->in_len;
+    if (socket_recv2(s->pub.socket, s->in + s->in_len, &room, 0) != 0 || room <= 0) return false;
+    s->in_len += room;  // an end of stream or an error is left for the worker to see
+    if (line_end(s->in, s->in_len) >= 0) return true;
+    if (s->in_len == FTP_SERVER_LINE_SIZE) {
+      s->closing.store(kClosingRequested);  // line too long
+      return false;
+    }
+  }
+}
+
+// Command-thread side of a session: runs its complete lines, and the next
+// ones while they follow quickly, then lets the worker watch the control
+// socket again. An ending session has its control socket shut down; the
+// worker then sees the end of stream and ends it.
+void run_session(Session* s) {
+  Server* srv = s->srv;
+  bool keep = run_complete_lines(s);
+  while (keep && !srv->stopping.load(std::memory_order_relaxed) && next_line_soon(s)) keep = run_complete_lines(s);
+  if (!keep || s->closing.load() != kOpen) {
+    if (s->closing.exchange(kClosingShutDown) != kClosingShutDown) socket_shutdown(s->pub.socket);
   } else if (s->in_len > 0) {
     s->partial_since.store(time_now());
   }
@@ -241,7 +272,7 @@ int end_session(Session* s) {
 // Readable control socket: takes what has arrived without waiting for more.
 int _ftp_client_handler_callback(int status, void* socket, void* custom) {
   Session* s = static_cast<Session*>(custom);
-  if (status != 0 || s->closing.load()) return end_session(s);
+  if (status != 0 || s->closing.load() != kOpen) return end_session(s);
   int room = FTP_SERVER_LINE_SIZE - s->in_len;
   int rc = socket_recv2(socket, s->in + s->in_len, &room, 0);
   if (rc != 0 || room <= 0) return end_session(s);

@@ -54,12 +54,17 @@ struct Server {
   void* sweeper;     // joinable sweeper thread
 };
 
+// Values of Session::closing.
+inline constexpr int kOpen = 0;
+inline constexpr int kClosingRequested = 1;  // the control socket still has to be shut down
+inline constexpr int kClosingShutDown = 2;   // shut down already (QUIT)
+
 struct Session {
   _FTP_CLIENT_OBJECT pub;  // first: handlers receive &pub
   Server* srv;
   Session* next_ready;     // link in the server's ready queue
   std::atomic<long long> partial_since;  // ms when the pending incomplete line began; 0 none
-  std::atomic<int> closing;  // a command asked for the session to end
+  std::atomic<int> closing;  // kClosing* below: the session is to end
   long long rest_offset;     // REST offset in full (pub.rest_point saturates)
   int in_len;                // bytes in `in`
   char in[FTP_SERVER_LINE_SIZE];  // received control bytes not yet run

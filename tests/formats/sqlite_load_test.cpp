@@ -18,7 +18,7 @@ TEST_F(SqliteLoadTest, FailedLoadsReportAndTheNextCallRetries) {
   };
   const Case cases[] = {
       {"/nonexistent-dir/libsqlite3.so", "loader_load(/nonexistent-dir/libsqlite3.so): dlopen failed"},
-      {"libz.so.1", "sqlite_init(): function sqlite3_open not found\n"},  // loads, but is not SQLite
+      {"libm.so.6", "sqlite_init(): function sqlite3_open not found\n"},  // loads, but is not SQLite
   };
   for (const Case& c : cases) {
     vektest::LogCapture log;

@@ -1,6 +1,9 @@
 // The HTTP client against nginx over http and https (a 64 MiB file checked
-// by CRC, resume with a range request, 404 and 307, certificate checks) and
-// against `openssl s_server -WWW` requiring a client certificate.
+// by CRC, resume with a range request, 404 and 307, certificate checks),
+// against `openssl s_server -WWW` requiring a client certificate, and
+// through real proxies to nginx: tinyproxy (HTTP CONNECT with Basic
+// authorisation), dante-server (SOCKS4 and SOCKS5; it refuses SOCKS4a) and
+// microsocks (SOCKS5 with a password).
 #include <sys/stat.h>
 
 #include <cstdlib>
@@ -16,6 +19,7 @@
 #include <vekutil/ssl.h>
 
 #include "http_peers.hpp"
+#include "proxy_peers.hpp"
 
 namespace {
 
@@ -45,6 +49,9 @@ class CaFileEnv {
   ~CaFileEnv() { unsetenv("SSL_CERT_FILE"); }
 };
 
+// One set of peers for the whole suite: nginx serving a big random file, a
+// small one and a page over http and https; openssl s_server -WWW requiring
+// a client certificate; and the three proxies in front of nginx.
 class HttpNginxTest : public vektest::LeakCheckedTest {
  protected:
   static void SetUpTestSuite() {
@@ -54,7 +61,7 @@ class HttpNginxTest : public vektest::LeakCheckedTest {
     socket_delete(s);
     socket_instrument_handle();
     dir_ = new vektest::TempDir;
-    pki_ = new httptest::TestPki(*dir_);
+    const vektest::TestPki& pki = vektest::test_pki();
     const std::string root = dir_->file("www");
     mkdir(root.c_str(), 0755);
     std::string big(kBigSize, '\0');
@@ -65,29 +72,48 @@ class HttpNginxTest : public vektest::LeakCheckedTest {
     }
     vektest::write_file(root + "/big.bin", big);
     vektest::write_file(root + "/small.txt", "small file\n");
+    vektest::write_file(root + "/page.txt", "through the proxy\n");
+    vektest::write_file(dir_->file("hello.txt"), "hello over TLS\n");
     big_ = root + "/big.bin";
-    nginx_ = new httptest::NginxPeer(*dir_, *pki_, root);
+    nginx_ = new httptest::NginxPeer(*dir_, root);
+    s_server_port_ = vektest::free_tcp_port();
+    s_server_ = new vektest::PeerProcess;
+    s_server_ok_ = pki.ok &&
+                   s_server_->start({"openssl", "s_server", "-quiet", "-accept", "127.0.0.1:" + std::to_string(s_server_port_),
+                                     "-cert", pki.file("server.pem"), "-key", pki.file("server.key"), "-CAfile",
+                                     pki.file("ca.pem"), "-Verify", "1", "-WWW"},
+                                    dir_->file("s_server.log"), {}, dir_->path()) &&
+                   s_server_->wait_tcp_port(s_server_port_);
+    tinyproxy_ = new vektest::ProxyPeer;
+    dante_ = new vektest::ProxyPeer;
+    microsocks_ = new vektest::ProxyPeer;
+    proxies_ok_ = tinyproxy_->start_tinyproxy(*dir_, "proxyuser", "proxypass") && dante_->start_dante(*dir_) &&
+                  microsocks_->start_microsocks(*dir_, "socksuser", "sockspass");
   }
   static void TearDownTestSuite() {
+    delete microsocks_;
+    delete dante_;
+    delete tinyproxy_;
+    delete s_server_;
     delete nginx_;
-    delete pki_;
     delete dir_;
   }
   void SetUp() override {
     LeakCheckedTest::SetUp();
-    ASSERT_TRUE(pki_->ok) << "openssl could not make the test certificates";
+    ASSERT_TRUE(vektest::test_pki().ok) << "openssl could not make the test certificates";
     ASSERT_TRUE(nginx_->ok()) << "nginx did not start";
   }
+  static std::string s_server_url() { return "https://127.0.0.1:" + std::to_string(s_server_port_) + "/hello.txt"; }
 
-  static vektest::TempDir* dir_;
-  static httptest::TestPki* pki_;
-  static httptest::NginxPeer* nginx_;
-  static std::string big_;
+  static inline vektest::TempDir* dir_ = nullptr;
+  static inline httptest::NginxPeer* nginx_ = nullptr;
+  static inline std::string big_;
+  static inline vektest::PeerProcess* s_server_ = nullptr;
+  static inline int s_server_port_ = 0;
+  static inline bool s_server_ok_ = false;
+  static inline vektest::ProxyPeer *tinyproxy_ = nullptr, *dante_ = nullptr, *microsocks_ = nullptr;
+  static inline bool proxies_ok_ = false;
 };
-vektest::TempDir* HttpNginxTest::dir_ = nullptr;
-httptest::TestPki* HttpNginxTest::pki_ = nullptr;
-httptest::NginxPeer* HttpNginxTest::nginx_ = nullptr;
-std::string HttpNginxTest::big_;
 
 TEST_F(HttpNginxTest, BigFileOverHttpAndHttpsArrivesWhole) {
   vektest::TempDir dir;
@@ -160,7 +186,7 @@ TEST_F(HttpNginxTest, VerificationChecksTheChainAndTheName) {
        by_address.c_str(), 0},
   };
   for (const Case& c : cases) {
-    std::unique_ptr<CaFileEnv> env(c.test_ca_known ? new CaFileEnv(pki_->ca) : nullptr);
+    std::unique_ptr<CaFileEnv> env(c.test_ca_known ? new CaFileEnv(vektest::test_pki().file("ca.pem")) : nullptr);
     Exchange x;
     x.req->ssl_verify_peer = c.verify;
     x.req->override_host = c.override_host;
@@ -173,51 +199,15 @@ TEST_F(HttpNginxTest, VerificationChecksTheChainAndTheName) {
       << "the server name goes out in the handshake";
 }
 
-class HttpClientCertificateTest : public vektest::LeakCheckedTest {
- protected:
-  static void SetUpTestSuite() {
-    ssl_init();
-    dir_ = new vektest::TempDir;
-    pki_ = new httptest::TestPki(*dir_);
-    vektest::write_file(dir_->file("hello.txt"), "hello over TLS\n");
-    port_ = vektest::free_tcp_port();
-    server_ = new vektest::PeerProcess;
-    ok_ = pki_->ok &&
-          server_->start({"openssl", "s_server", "-quiet", "-accept", "127.0.0.1:" + std::to_string(port_), "-cert",
-                          pki_->server_cert, "-key", pki_->server_key, "-CAfile", pki_->ca, "-Verify", "1", "-WWW"},
-                         dir_->file("s_server.log"), {}, dir_->path()) &&
-          server_->wait_tcp_port(port_);
-  }
-  static void TearDownTestSuite() {
-    delete server_;
-    delete pki_;
-    delete dir_;
-  }
-  void SetUp() override {
-    LeakCheckedTest::SetUp();
-    ASSERT_TRUE(ok_) << "openssl s_server did not start";
-  }
-  static std::string url() { return "https://127.0.0.1:" + std::to_string(port_) + "/hello.txt"; }
-
-  static vektest::TempDir* dir_;
-  static httptest::TestPki* pki_;
-  static vektest::PeerProcess* server_;
-  static int port_;
-  static bool ok_;
-};
-vektest::TempDir* HttpClientCertificateTest::dir_ = nullptr;
-httptest::TestPki* HttpClientCertificateTest::pki_ = nullptr;
-vektest::PeerProcess* HttpClientCertificateTest::server_ = nullptr;
-int HttpClientCertificateTest::port_ = 0;
-bool HttpClientCertificateTest::ok_ = false;
-
-TEST_F(HttpClientCertificateTest, ServerRequiringACertificateServesOnlyAClientThatHasOne) {
+TEST_F(HttpNginxTest, ServerRequiringACertificateServesOnlyAClientThatHasOne) {
+  ASSERT_TRUE(s_server_ok_) << "openssl s_server did not start";
+  const std::string client_packed = vektest::test_pki().file("client.ca.packed.pem");
   Exchange with;
-  with.req->ssl_cert_path = pki_->client_packed.c_str();
+  with.req->ssl_cert_path = client_packed.c_str();
   with.req->ssl_verify_peer = 1;
   {
-    CaFileEnv env(pki_->ca);
-    ASSERT_EQ(0, with.get(url())) << vektest::read_file(dir_->file("s_server.log"));
+    CaFileEnv env(vektest::test_pki().file("ca.pem"));
+    ASSERT_EQ(0, with.get(s_server_url())) << vektest::read_file(dir_->file("s_server.log"));
   }
   EXPECT_EQ(200, with.resp->status);
   EXPECT_EQ(HTTP_RESPONSE_HTTP10, with.resp->options);
@@ -225,12 +215,51 @@ TEST_F(HttpClientCertificateTest, ServerRequiringACertificateServesOnlyAClientTh
 
   Exchange without;
   without.req->timeout = 2000;
-  EXPECT_NE(0, without.get(url()));
+  EXPECT_NE(0, without.get(s_server_url()));
   EXPECT_NE(200, without.resp->status);
 
   Exchange missing_file;
   missing_file.req->ssl_cert_path = "/no/such/client.pem";
-  EXPECT_EQ(ERR_SSL_CTX_FILE, missing_file.get(url()));
+  EXPECT_EQ(ERR_SSL_CTX_FILE, missing_file.get(s_server_url()));
+}
+
+TEST_F(HttpNginxTest, EveryProxyTypeCarriesHttpAndHttps) {
+  ASSERT_TRUE(proxies_ok_) << "tinyproxy, danted or microsocks did not start";
+  struct Case {
+    const char* what;
+    vektest::ProxyPeer* proxy;
+    int type;
+    const char* user;
+    const char* pass;
+    int rc;
+  };
+  const Case cases[] = {
+      {"HTTP CONNECT", tinyproxy_, SOCKET_PROXY_HTTP, "proxyuser", "proxypass", 0},
+      {"HTTP CONNECT, wrong password", tinyproxy_, SOCKET_PROXY_HTTP, "proxyuser", "wrong", ERR_SOCKET_PROXY_AUTH},
+      {"SOCKS4", dante_, SOCKET_PROXY_SOCKS4, nullptr, nullptr, 0},
+      // Dante speaks SOCKS4 without the 4a extension: the refusal comes through as such.
+      {"SOCKS4a", dante_, SOCKET_PROXY_SOCKS4A, nullptr, nullptr, ERR_SOCKET_PROXY_REFUSED},
+      {"SOCKS5", dante_, SOCKET_PROXY_SOCKS5, nullptr, nullptr, 0},
+      {"SOCKS5 with a password", microsocks_, SOCKET_PROXY_SOCKS5, "socksuser", "sockspass", 0},
+      {"SOCKS5, wrong password", microsocks_, SOCKET_PROXY_SOCKS5, "socksuser", "wrong", ERR_SOCKET_PROXY_AUTH},
+  };
+  for (const Case& c : cases) {
+    for (const std::string& url : {nginx_->http("/page.txt"), nginx_->https("/page.txt", "localhost")}) {
+      const std::string address = c.proxy->address();
+      std::string user = c.user ? c.user : "", pass = c.pass ? c.pass : "";
+      Exchange x;
+      x.req->proxy.type = c.type;
+      x.req->proxy.addr = const_cast<char*>(address.c_str());
+      x.req->proxy.user = c.user ? user.data() : nullptr;
+      x.req->proxy.pass = c.pass ? pass.data() : nullptr;
+      x.req->ssl_verify_peer = 0;
+      EXPECT_EQ(c.rc, x.get(url)) << c.what << " " << url;
+      if (c.rc == 0) {
+        EXPECT_EQ(200, x.resp->status) << c.what << " " << url;
+        EXPECT_EQ("through the proxy\n", x.body()) << c.what << " " << url;
+      }
+    }
+  }
 }
 
 }  // namespace

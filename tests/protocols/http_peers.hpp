@@ -1,7 +1,7 @@
 // Real HTTP peers for the client tests, each started on a loopback port the
 // system handed out and stopped by its pid: Python's http.server with a
-// handler for the odd replies, nginx for static files over http and https,
-// and the certificates of a test CA made with the openssl command.
+// handler for the odd replies, and nginx for static files over http and
+// https with the test CA's server certificate.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -14,52 +14,10 @@
 #include <vekutil/ptree.h>
 
 #include "peer.hpp"
+#include "pki.hpp"
 #include "vek_test.hpp"
 
 namespace httptest {
-
-// A CA, a server certificate for localhost and 127.0.0.1, and a client
-// certificate, with a packed client file (certificate, CA, key) as the
-// request's ssl_cert_path expects it.
-struct TestPki {
-  explicit TestPki(const vektest::TempDir& dir)
-      : ca(dir.file("ca.pem")),
-        server_cert(dir.file("server.pem")),
-        server_key(dir.file("server.key")),
-        client_packed(dir.file("client-packed.pem")) {
-    const std::string ca_key = dir.file("ca.key"), client_cert = dir.file("client.pem"),
-                      client_key = dir.file("client.key"), ext = dir.file("san.ext");
-    vektest::write_file(ext, "subjectAltName=DNS:localhost,IP:127.0.0.1\n");
-    ok = run({"openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes", "-days",
-              "2", "-subj", "/CN=vekutil test CA", "-keyout", ca_key, "-out", ca}) &&
-         issue("/CN=localhost", server_key, server_cert, ca_key, ext) &&
-         issue("/CN=vekutil test client", client_key, client_cert, ca_key, "");
-    if (ok)
-      vektest::write_file(client_packed, vektest::read_file(client_cert) + vektest::read_file(ca) +
-                                             vektest::read_file(client_key));
-  }
-
-  bool ok = false;
-  std::string ca, server_cert, server_key, client_packed;
-
- private:
-  // Runs the openssl command with its chatter on standard error discarded.
-  static bool run(const std::vector<std::string>& argv) {
-    std::vector<std::string> quiet = {"sh", "-c", "exec \"$0\" \"$@\" 2>/dev/null"};
-    quiet.insert(quiet.end(), argv.begin(), argv.end());
-    return vektest::run_program(quiet) == 0;
-  }
-  bool issue(const std::string& subject, const std::string& key, const std::string& cert, const std::string& ca_key,
-             const std::string& ext) {
-    const std::string csr = cert + ".csr";
-    std::vector<std::string> sign = {"openssl", "x509", "-req", "-in", csr, "-CA", ca, "-CAkey", ca_key,
-                                     "-CAcreateserial", "-days", "2", "-out", cert};
-    if (!ext.empty()) sign.insert(sign.end(), {"-extfile", ext});
-    return run({"openssl", "req", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes", "-subj", subject,
-                "-keyout", key, "-out", csr}) &&
-           run(sign);
-  }
-};
 
 // Python's http.server with a handler for the replies nginx does not make:
 // chunked bodies, HTTP/1.0 replies that end at the close, slow, stalled and
@@ -212,7 +170,8 @@ class PythonPeer {
 // https with the test CA's server certificate; /r307 answers 307.
 class NginxPeer {
  public:
-  NginxPeer(const vektest::TempDir& dir, const TestPki& pki, const std::string& root) {
+  NginxPeer(const vektest::TempDir& dir, const std::string& root) {
+    const vektest::TestPki& pki = vektest::test_pki();
     http_port_ = vektest::free_tcp_port();
     https_port_ = vektest::free_tcp_port();
     const std::string conf = dir.file("nginx.conf");
@@ -230,12 +189,12 @@ class NginxPeer {
                                   "  server {\n"
                                   "    listen 127.0.0.1:" + std::to_string(http_port_) + ";\n"
                                   "    listen 127.0.0.1:" + std::to_string(https_port_) + " ssl;\n"
-                                  "    ssl_certificate " + pki.server_cert + ";\n"
-                                  "    ssl_certificate_key " + pki.server_key + ";\n"
+                                  "    ssl_certificate " + pki.file("server.pem") + ";\n"
+                                  "    ssl_certificate_key " + pki.file("server.key") + ";\n"
                                   "    root " + root + ";\n"
                                   "    location = /r307 { return 307 /elsewhere; }\n"
                                   "  }\n}\n");
-    ok_ = process_.start({"/usr/sbin/nginx", "-e", dir.file("nginx-error.log"), "-c", conf}, dir.file("nginx.out")) &&
+    ok_ = pki.ok && process_.start({"/usr/sbin/nginx", "-e", dir.file("nginx-error.log"), "-c", conf}, dir.file("nginx.out")) &&
           process_.wait_tcp_port(http_port_) && process_.wait_tcp_port(https_port_);
     access_log_ = dir.file("access.log");
   }

@@ -250,15 +250,6 @@ TEST_F(SyslogCollectorTest, ReceivesWhatUtilLinuxLoggerSends) {
   }
 }
 
-TEST_F(SyslogCollectorTest, OurSenderReachesOurCollector) {
-  const std::string server = "127.0.0.1:" + std::to_string(port_);
-  ASSERT_EQ(0, syslog_remote(server.c_str(), 4, 2, "critical\n"));
-  // The sender's trailing blank is the byte the collector drops.
-  EXPECT_EQ(2, inbox_.until_message("critical\n").back().level);
-  ASSERT_EQ(0, syslog_remote_ex(server.c_str(), 1, 6, 1736071245123LL, "web 1", "started"));
-  EXPECT_FALSE(inbox_.until_message(local_time(1736071245123LL) + " web_1 started").empty());
-}
-
 // Four senders, each pushing the same number of datagrams as fast as they
 // can. UDP may drop under that load; every datagram that arrives must be
 // handed over intact, and the count is reported.
@@ -434,16 +425,9 @@ TEST(SyslogRsyslogTest, RsyslogRecordsFacilityLevelHostAndMessage) {
 
 // ---- the command-line tool -------------------------------------------------
 
-std::string tool_path() {
-  char path[4096] = {};
-  const ssize_t n = readlink("/proc/self/exe", path, sizeof path - 1);
-  const std::string exe(path, n > 0 ? static_cast<size_t>(n) : 0);
-  return exe.substr(0, exe.find_last_of('/')) + "/../tools/vekutil";
-}
-
 TEST(UdpToolTest, SyslogStatsdAndSyslogdCommands) {
-  const std::string tool = tool_path();
-  if (access(tool.c_str(), X_OK) != 0) GTEST_SKIP() << "the vekutil tool is not built";
+  const std::string tool = vektest::tool_path();
+  if (tool.empty()) GTEST_SKIP() << "the vekutil tool is not built";
   RawUdp sink;
   struct Case {
     std::vector<std::string> args;

@@ -206,4 +206,12 @@ int run_program(const std::vector<std::string>& argv, std::string* out, const st
   return WEXITSTATUS(status);
 }
 
+std::string tool_path() {
+  char path[4096] = {};
+  const ssize_t n = readlink("/proc/self/exe", path, sizeof path - 1);
+  const std::string exe(path, n > 0 ? static_cast<size_t>(n) : 0);
+  const std::string tool = exe.substr(0, exe.find_last_of('/')) + "/../tools/vekutil";
+  return access(tool.c_str(), X_OK) == 0 ? tool : "";
+}
+
 }  // namespace vektest

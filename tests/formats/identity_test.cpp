@@ -1,16 +1,56 @@
 // ctest-labels: tsan
-#include <vekutil/guid.h>
-#include <vekutil/memory.h>
+// Random bytes, letters and integers; GUIDs and their counter across
+// threads; hardware ids of the network interfaces.
+#include <arpa/inet.h>
 
 #include <cctype>
 #include <chrono>
+#include <cstring>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include <vekutil/guid.h>
+#include <vekutil/hardwareid.h>
+#include <vekutil/memory.h>
+#include <vekutil/random.h>
+
 #include "vek_test.hpp"
 
 namespace {
+
+class RandomTest : public vektest::LeakCheckedTest {};
+
+TEST_F(RandomTest, RandomStringWritesOnlyCapitalLettersAndNoTerminator) {
+  char buffer[2001];
+  std::memset(buffer, '#', sizeof buffer);
+  random_init();
+  EXPECT_EQ(buffer, random_string(buffer, 2000));
+  const std::string text(buffer, 2000);
+  EXPECT_EQ(std::string::npos, text.find_first_not_of("ABCDEFGHIJKLMNOPQRSTUVWXYZ"));
+  EXPECT_EQ(26u, std::set<char>(text.begin(), text.end()).size());  // 2000 draws miss one with negligible odds
+  EXPECT_EQ('#', buffer[2000]);
+}
+
+TEST_F(RandomTest, RandomizeFillsExactlyTheRequestedBytesAndIntegersVary) {
+  unsigned char a[40] = {}, b[40] = {};
+  EXPECT_EQ(a, randomize(a, 32));
+  randomize(b, 32);
+  EXPECT_NE(0, std::memcmp(a, b, 32));
+  for (int i = 32; i < 40; ++i) EXPECT_EQ(0, a[i]);
+  EXPECT_EQ(nullptr, randomize(nullptr, 10));
+  EXPECT_EQ(nullptr, random_string(nullptr, 10));
+  EXPECT_EQ(a, randomize(a, 0));
+  std::set<long long> values;
+  std::set<int> ints;
+  for (int i = 0; i < 16; ++i) {
+    values.insert(random_int64());
+    ints.insert(random_int());
+  }
+  EXPECT_GT(values.size(), 14u);
+  EXPECT_GT(ints.size(), 14u);
+}
 
 class GuidTest : public vektest::LeakCheckedTest {
  protected:
@@ -82,6 +122,43 @@ TEST_F(GuidTest, ConcurrentCallersDrawCounterValuesInSequence) {
   }
   EXPECT_EQ(0, seen[0]);
   for (size_t k = 2; k < seen.size(); ++k) ASSERT_LE(seen[k], seen[k - 1]) << "counter " << k;
+}
+
+class HardwareIdTest : public vektest::LeakCheckedTest {};
+
+TEST_F(HardwareIdTest, ListedInterfacesHaveAddressesAndHexIds) {
+  const int interfaces = hardwareid_count();
+  ASSERT_GE(interfaces, 0);
+  HWID_ENTRY entries[64];
+  int count = 64;
+  ASSERT_EQ(0, hardwareid_list(entries, &count));
+  EXPECT_LE(count, interfaces);  // loopback and friends are left out
+  for (int i = 0; i < count; ++i) {
+    const HWID_ENTRY& e = entries[i];
+    EXPECT_STREQ("MAC Address", e.type);
+    EXPECT_EQ(37401, e.type_nls);
+    ASSERT_EQ(12u, std::strlen(e.hwid));
+    EXPECT_STRNE("000000000000", e.hwid);
+    EXPECT_EQ(std::string::npos, std::string(e.hwid).find_first_not_of("0123456789ABCDEF")) << e.hwid;
+    in_addr addr;
+    EXPECT_EQ(1, inet_pton(AF_INET, e.ip, &addr)) << e.ip;
+  }
+}
+
+TEST_F(HardwareIdTest, CapacityLimitsTheEntriesFilledAndNullArgumentsFail) {
+  HWID_ENTRY first[2];
+  std::memset(first, 0x55, sizeof first);
+  int count = 1;
+  ASSERT_EQ(0, hardwareid_list(first, &count));
+  EXPECT_LE(count, 1);
+  EXPECT_EQ(0x55, static_cast<unsigned char>(first[1].type[0]));  // the second slot is untouched
+  count = 0;
+  EXPECT_EQ(0, hardwareid_list(first, &count));
+  EXPECT_EQ(0, count);
+  count = 4;
+  EXPECT_EQ(-1, hardwareid_list(nullptr, &count));
+  EXPECT_EQ(0, count);
+  EXPECT_EQ(-1, hardwareid_list(first, nullptr));
 }
 
 }  // namespace

@@ -1,0 +1,195 @@
+// ctest-labels: tsan
+// The waiting primitives: events as manual-reset gates, read-write locks,
+// counting semaphores and scheduled events with their interrupts, deadlines
+// and bad time-outs.
+#include <atomic>
+#include <cerrno>
+#include <thread>
+
+#include "lock_test.hpp"
+
+#include <vekutil/errors.h>
+#include <vekutil/schevent.h>
+#include <vekutil/semaphore.h>
+#include <vekutil/timeutil.h>
+
+namespace {
+
+using locktest::Clock;
+using locktest::elapsed_ms;
+using std::chrono::milliseconds;
+using RwlockTest = locktest::LockTest;
+using SemaphoreTest = locktest::LockTest;
+
+// ---- events ----------------------------------------------------------------
+
+class EventTest : public locktest::LockTest {
+ protected:
+  void SetUp() override {
+    LeakCheckedTest::SetUp();
+    ASSERT_EQ(0, event_create_ex(&event_, "gate", 0));
+  }
+  void TearDown() override {
+    EXPECT_EQ(0, event_delete(event_));
+    LeakCheckedTest::TearDown();
+  }
+  void* event_ = nullptr;
+};
+
+TEST_F(EventTest, ANewEventIsClosedAndATimedWaitExpires) {
+  EXPECT_EQ(ERR_TIMEOUT, EVENT_WAIT(event_, 100));
+  EXPECT_EQ(ERR_TIMEOUT, event_error(event_));
+  EXPECT_EQ(ERR_TIMEOUT, event_wait(event_, 0)) << "0 on a closed gate times out at once";
+}
+
+TEST_F(EventTest, AnOpenedGateLetsEveryLaterWaitPassUntilClosed) {
+  ASSERT_EQ(0, event_unlock1(event_));
+  for (int waiter = 0; waiter < 3; ++waiter) EXPECT_EQ(0, event_wait(event_, -1));
+  EXPECT_EQ(0, event_wait(event_, -5)) << "an open gate never looks at the time-out";
+  ASSERT_EQ(0, event_lock(event_));
+  EXPECT_EQ(ERR_TIMEOUT, event_wait(event_, 0));
+}
+
+TEST_F(EventTest, UnlockReleasesBlockedWaitersButLockKeepsThemWaiting) {
+  int results[3] = {1, 1, 1};
+  std::thread waiters[3];
+  for (int i = 0; i < 3; ++i)
+    waiters[i] = std::thread([&, i] { results[i] = event_wait(event_, i == 0 ? 1500 : -1); });
+  std::this_thread::sleep_for(milliseconds(30));
+  ASSERT_EQ(0, event_lock(event_));  // wakes the waiters, who sleep on
+  std::this_thread::sleep_for(milliseconds(30));
+  ASSERT_EQ(0, event_unlock(event_));
+  for (auto& t : waiters) t.join();
+  for (int r : results) EXPECT_EQ(0, r);
+}
+
+TEST_F(EventTest, ATimeOutBelowMinusOneFailsOnAClosedGate) {
+  vektest::LogCapture log;
+  EXPECT_EQ(ERR_SYSTEM, EVENT_WAIT(event_, -1500));
+  EXPECT_EQ(EINVAL, event_error(event_));
+  EXPECT_TRUE(log.contains("event_wait(name[gate],timeout[-1500],file[")) << log.text();
+  EXPECT_TRUE(log.contains("]): pthread_mutex_unlock3 failed[22] errno[")) << log.text();
+}
+
+// ---- read-write locks ------------------------------------------------------
+
+TEST_F(RwlockTest, ReadersShareAndAWriterWaitsForThem) {
+  void* rw = nullptr;
+  ASSERT_EQ(0, rwlock_create_ex(&rw, 0, "shared"));
+  ASSERT_EQ(0, RWLOCK_READLOCK(rw));
+  ASSERT_EQ(0, rwlock_readlock(rw));  // a second reader in the same thread
+
+  std::atomic<bool> writer_in{false};
+  std::thread writer([&] {
+    EXPECT_EQ(0, RWLOCK_WRITELOCK(rw));
+    writer_in = true;
+    EXPECT_EQ(0, rwlock_unlock(rw));
+  });
+  std::this_thread::sleep_for(std::chrono::milliseconds(30));
+  EXPECT_FALSE(writer_in) << "a writer must wait for the readers";
+  EXPECT_EQ(0, rwlock_unlock(rw));
+  EXPECT_EQ(0, rwlock_unlock(rw));
+  writer.join();
+  EXPECT_TRUE(writer_in);
+  EXPECT_EQ(0, rwlock_error(rw));
+  EXPECT_EQ(0, rwlock_delete(rw));
+}
+
+// ---- semaphores ------------------------------------------------------------
+
+TEST_F(SemaphoreTest, SignalsAndWaitsMoveTheCount) {
+  void* sem = nullptr;
+  ASSERT_EQ(0, semaphore_create(&sem));
+  EXPECT_EQ(ERR_TIMEOUT, semaphore_timedwait(sem, 0));
+  EXPECT_EQ(ERR_TIMEOUT, semaphore_error(sem));
+  for (int i = 0; i < 3; ++i) ASSERT_EQ(0, semaphore_signal(sem));
+  EXPECT_EQ(3, semaphore_count(sem));
+  EXPECT_EQ(0, semaphore_wait(sem));
+  EXPECT_EQ(0, semaphore_timedwait(sem, 0));
+  EXPECT_EQ(1, semaphore_count(sem));
+  EXPECT_EQ(0, semaphore_delete(sem));
+
+  ASSERT_EQ(0, semaphore_create_ex(&sem, 2));
+  EXPECT_EQ(2, semaphore_count(sem));
+  std::thread signaller([&] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    semaphore_signal(sem);
+  });
+  EXPECT_EQ(0, semaphore_wait(sem));
+  EXPECT_EQ(0, semaphore_wait(sem));
+  EXPECT_EQ(0, semaphore_timedwait(sem, 5000)) << "woken by the other thread";
+  signaller.join();
+  EXPECT_EQ(0, semaphore_delete(sem));
+}
+
+TEST_F(SemaphoreTest, AnImpossibleInitialCountFailsButKeepsTheRecord) {
+  vektest::LogCapture log;
+  void* sem = nullptr;
+  EXPECT_EQ(ERR_SYSTEM, semaphore_create_ex(&sem, -1));  // above the maximum once unsigned
+  ASSERT_NE(nullptr, sem);
+  EXPECT_EQ(EINVAL, semaphore_error(sem));
+  EXPECT_TRUE(log.contains("semaphore_create_ex(initial[-1]): sem_init failed[22]\n")) << log.text();
+  EXPECT_EQ(0, semaphore_delete(sem));
+}
+
+// ---- scheduled events ------------------------------------------------------
+
+class SchEventTest : public vektest::LeakCheckedTest {
+ protected:
+  void SetUp() override {
+    LeakCheckedTest::SetUp();
+    ASSERT_EQ(0, schevent_create(&event_));
+  }
+  void TearDown() override {
+    EXPECT_EQ(0, schevent_delete(event_));
+    LeakCheckedTest::TearDown();
+  }
+  // Interrupts the event from another thread after 20 ms.
+  std::thread interrupt_soon() {
+    return std::thread([this] {
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
+      schevent_interrupt(event_);
+    });
+  }
+  void* event_ = nullptr;
+};
+
+TEST_F(SchEventTest, APendingInterruptCutsOnlyTheNextSleep) {
+  Clock::time_point start = Clock::now();
+  EXPECT_EQ(0, schevent_waitfor(event_, 50));
+  EXPECT_GE(elapsed_ms(start), 49);
+
+  ASSERT_EQ(0, schevent_interrupt(event_));
+  start = Clock::now();
+  EXPECT_EQ(ERR_INTERRUPTED, schevent_waitfor(event_, 1000)) << "the pending interrupt ends the sleep";
+  EXPECT_EQ(ERR_INTERRUPTED, schevent_error(event_));
+
+  start = Clock::now();
+  EXPECT_EQ(0, schevent_waitfor(event_, 50)) << "the interrupt was consumed";
+  EXPECT_GE(elapsed_ms(start), 49);
+}
+
+TEST_F(SchEventTest, InterruptsFromAnotherThreadEndEverySleep) {
+  ASSERT_EQ(0, schevent_interrupt(event_));
+  EXPECT_EQ(0, schevent_wait(event_)) << "the untimed sleep returns 0 when interrupted";
+  std::thread interrupter = interrupt_soon();
+  EXPECT_EQ(0, schevent_wait(event_));
+  interrupter.join();
+
+  interrupter = interrupt_soon();
+  EXPECT_EQ(ERR_INTERRUPTED, schevent_waituntil(event_, time_now() + 5000));
+  interrupter.join();
+}
+
+TEST_F(SchEventTest, DeadlinesInThePastReturnAtOnce) {
+  EXPECT_EQ(0, schevent_waituntil(event_, time_now() - 1000));
+  EXPECT_EQ(0, schevent_waituntil(event_, -1999)) << "a negative time is simply past";
+  EXPECT_EQ(0, schevent_waitfor(event_, -1)) << "-1 is a deadline just past, not for ever";
+  ASSERT_EQ(0, schevent_interrupt(event_));
+  EXPECT_EQ(ERR_INTERRUPTED, schevent_waituntil(event_, time_now() - 1000));
+
+  EXPECT_EQ(ERR_INVALID_PARAMETER, schevent_waitfor(event_, -2));
+  EXPECT_EQ(ERR_INVALID_PARAMETER, schevent_error(event_));
+}
+
+}  // namespace
