@@ -1,6 +1,6 @@
 // The FTP server beside vsftpd (Debian's, started here on loopback with a
 // generated configuration), both serving the same folder to the same client
-// code: RETR and STOR of 1 GiB in one session; 100 concurrent sessions that
+// code, each in a process of its own: RETR and STOR of 1 GiB in one session; 100 concurrent sessions that
 // each list a folder and retrieve its 100 files of 4 KiB; and the resident
 // memory of 500 idle sessions. Prints the ratios ours/vsftpd at the end.
 #include <benchmark/benchmark.h>
@@ -54,7 +54,8 @@ struct Target {
 std::string g_dir;      // the served folder: big.bin, small/, up/
 Target g_ours{"ours", 0, "", ""};
 Target g_vsftpd{"vsftpd", 0, "", ""};
-void* g_server = nullptr;
+void* g_server = nullptr;  // in the child that serves ours
+pid_t g_ours_pid = -1;
 pid_t g_vsftpd_pid = -1;
 std::map<std::string, double> g_seconds;  // "benchmark/target" -> seconds per iteration
 
@@ -347,7 +348,7 @@ std::pair<long, long> vsftpd_memory() {
 
 // KiB per idle logged-in session (RSS, PSS) over kIdleSessions sessions.
 std::pair<double, double> idle_session_memory(const Target& t, bool ours) {
-  auto measure = [&] { return ours ? memory_of(getpid()) : vsftpd_memory(); };
+  auto measure = [&] { return ours ? memory_of(g_ours_pid) : vsftpd_memory(); };
   auto before = measure();
   std::vector<std::unique_ptr<Session>> sessions;
   for (int i = 0; i < kIdleSessions; ++i) sessions.push_back(std::make_unique<Session>(t));
@@ -428,12 +429,37 @@ int authorise(const char* user, const char* password, const char*) {
   return std::strcmp(user, "bench") == 0 && std::strcmp(password, "bench") == 0 ? FTP_ACCESS_ALL : 0;
 }
 
+// Ours runs in a process of its own, like vsftpd, so that neither server
+// shares a process (and its scheduling) with the clients. The child writes
+// its port into the pipe and serves until SIGTERM.
 bool start_ours() {
   g_ours.user = g_ours.pass = "bench";
-  if (socket_async_default_init(socket_get_fd_setsize(), 0, 2000) != 0) return false;
-  if (ftp_server_start(&g_server, 0, g_dir.c_str(), authorise, nullptr, nullptr) != 0) return false;
-  g_ours.port = static_cast<_FTP_SERVER_OBJECT*>(g_server)->port;
-  return true;
+  int port_pipe[2];
+  if (pipe(port_pipe) != 0) return false;
+  g_ours_pid = fork();
+  if (g_ours_pid == 0) {
+    sigset_t term;
+    sigemptyset(&term);
+    sigaddset(&term, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &term, nullptr);
+    int port = -1;
+    if (socket_async_default_init(socket_get_fd_setsize(), 0, 2000) == 0 &&
+        ftp_server_start(&g_server, 0, g_dir.c_str(), authorise, nullptr, nullptr) == 0)
+      port = static_cast<_FTP_SERVER_OBJECT*>(g_server)->port;
+    if (write(port_pipe[1], &port, sizeof port) != sizeof port || port < 0) _exit(1);
+    int sig = 0;
+    sigwait(&term, &sig);
+    ftp_server_stop(g_server);
+    ftp_command_uninit();
+    socket_async_default_uninit();
+    _exit(0);
+  }
+  close(port_pipe[1]);
+  int port = -1;
+  bool ok = g_ours_pid > 0 && read(port_pipe[0], &port, sizeof port) == sizeof port && port > 0;
+  close(port_pipe[0]);
+  g_ours.port = port;
+  return ok;
 }
 
 void report_ratio(const char* label, const std::string& kind) {
@@ -451,8 +477,10 @@ int main(int argc, char** argv) {
   }
   signal(SIGPIPE, SIG_IGN);
   make_tree();
-  if (!start_vsftpd() || !start_ours()) {
+  if (!start_ours() || !start_vsftpd()) {
     std::fprintf(stderr, "cannot start the servers\n");
+    if (g_ours_pid > 0) kill(g_ours_pid, SIGTERM);
+    if (g_vsftpd_pid > 0) kill(g_vsftpd_pid, SIGTERM);
     return 1;
   }
   benchmark::Initialize(&argc, argv);
@@ -466,9 +494,8 @@ int main(int argc, char** argv) {
   std::printf("  memory per idle session over %d sessions: ours %.1f KiB RSS (%.1f KiB PSS), "
               "vsftpd %.1f KiB RSS (%.1f KiB PSS)\n",
               kIdleSessions, ours_memory.first, ours_memory.second, peer_memory.first, peer_memory.second);
-  ftp_server_stop(g_server);
-  ftp_command_uninit();
-  socket_async_default_uninit();
+  kill(g_ours_pid, SIGTERM);
+  waitpid(g_ours_pid, nullptr, 0);
   kill(g_vsftpd_pid, SIGTERM);
   waitpid(g_vsftpd_pid, nullptr, 0);
   std::error_code ec;
