@@ -8,7 +8,7 @@ DEPS       := g++ cmake make pkg-config libssl-dev libsqlite3-dev libgtest-dev l
 # Real peers the tests talk to on loopback: proxies, servers and clients.
 TEST_DEPS  := openssl curl python3 sqlite3 tinyproxy dante-server microsocks nginx-light lftp vsftpd \
               python3-pyftpdlib rsyslog bsdutils
-BENCH_DEPS := libcjson-dev libglib2.0-dev zlib1g-dev libcurl4-openssl-dev
+BENCH_DEPS := libcjson-dev libglib2.0-dev zlib1g-dev libcurl4-openssl-dev vsftpd
 
 .PHONY: all deps test-deps run test test-plain test-asan test-tsan test-fuzz bench install clean
 
