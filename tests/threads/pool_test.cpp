@@ -130,6 +130,15 @@ TEST_F(PoolTest, NeverMoreWorkersThanTheMaximumAcrossBursts) {
   }
   EXPECT_LE(thread_count(), bound);
   thread_pool_uninit(pool);
+
+  // With no minimum the last worker retires too; the next put starts one.
+  pool = make_pool(0, 1);
+  std::atomic<int> runs{0};
+  for (int i = 0; i < 60; ++i) {
+    thread_pool_put_work(pool, "alone", count_run, &runs, nullptr, nullptr);
+    ASSERT_TRUE(eventually([&] { return runs == i + 1; })) << "job " << i;
+  }
+  thread_pool_uninit(pool);
 }
 
 // Workers get the stack asked for when it is above 32 KiB, else 256 KiB:
