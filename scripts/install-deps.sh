@@ -19,6 +19,9 @@ if [ ! -e "$policy" ]; then
   printf '#!/bin/sh\nexit 101\n' | $SUDO tee "$policy" >/dev/null && $SUDO chmod +x "$policy" && added_policy=1
 fi
 status=0
-$SUDO apt-get update -q && $SUDO apt-get install -y -q --no-install-recommends $missing || status=$?
+# A mirror in mid-sync can fail one index (say, another architecture's);
+# the install below still finds what the other indexes list.
+$SUDO apt-get update -q || true
+$SUDO apt-get install -y -q --no-install-recommends $missing || status=$?
 [ -n "$added_policy" ] && $SUDO rm -f "$policy"
 exit $status

@@ -1,4 +1,9 @@
 // vekutil: command-line front end of the library.
+//
+// The command registry is the one source of the tool's documentation:
+// `vekutil --help`, `vekutil COMMAND --help` and the manual page printed by
+// `vekutil --manual` (which the build turns into vekutil.1) all come from it
+// and from the tables below, so they cannot disagree.
 #include <algorithm>
 #include <array>
 #include <cstdio>
@@ -27,13 +32,92 @@ Registry& registry() {
   return r;
 }
 
+// Commands of main.cpp itself, listed before the registered ones.
+constexpr Command kBuiltins[] = {
+    {"--help", "--help", "show this text; COMMAND --help shows one command", nullptr},
+    {"version", "version", "print the library version", nullptr},
+    {"demo", "demo", "exercise the library and show its state", nullptr},
+};
+
+struct Example {
+  const char* command;
+  const char* what;
+};
+
+constexpr Example kExamples[] = {
+    {"vekutil demo", "run every module once and show what it holds"},
+    {"vekutil json --pretty config.json", "check a JSON file and print it indented"},
+    {"vekutil crc32 *.tar", "CRC-32 of each archive"},
+    {"echo hello | vekutil base64 encode", "Base64 of standard input"},
+};
+
+constexpr const char* kExitStatus[][2] = {
+    {"0", "success"},
+    {"1", "the operation failed (the reason is on standard error)"},
+    {"2", "bad usage: unknown command, option or missing argument"},
+};
+
+void sort_commands() {
+  Registry& r = registry();
+  std::sort(r.commands.begin(), r.commands.begin() + r.command_count,
+            [](const Command& a, const Command& b) { return std::strcmp(a.name, b.name) < 0; });
+}
+
+template <typename Fn>
+void for_each_command(Fn fn) {
+  for (const Command& c : kBuiltins) fn(c);
+  const Registry& r = registry();
+  for (int i = 0; i < r.command_count; ++i) fn(r.commands[i]);
+}
+
 int print_help() {
   std::printf("usage: vekutil COMMAND [ARGS...]\n\ncommands:\n");
-  std::printf("  %-34s %s\n", "--help", "show this text");
-  std::printf("  %-34s %s\n", "version", "print the library version");
-  std::printf("  %-34s %s\n", "demo", "exercise the library and show its state");
-  const Registry& r = registry();
-  for (int i = 0; i < r.command_count; ++i) std::printf("  %-34s %s\n", r.commands[i].usage, r.commands[i].summary);
+  for_each_command([](const Command& c) { std::printf("  %-34s %s\n", c.usage, c.summary); });
+  std::printf("\nexit status:\n");
+  for (const auto& s : kExitStatus) std::printf("  %s  %s\n", s[0], s[1]);
+  return 0;
+}
+
+int print_command_help(const Command& c) {
+  std::printf("usage: vekutil %s\n\n%s\n", c.usage, c.summary);
+  return 0;
+}
+
+// roff needs a backslash before every hyphen meant as a minus sign and a
+// leading dot or quote protected.
+void roff_text(const char* text) {
+  if (*text == '.' || *text == '\'') std::fputs("\\&", stdout);
+  for (const char* p = text; *p; ++p) {
+    if (*p == '-' || *p == '\\') std::putchar('\\');
+    std::putchar(*p);
+  }
+}
+
+int print_manual() {
+  std::printf(".TH VEKUTIL 1 \"\" \"vekutil %s\" \"User Commands\"\n", vekutil_version());
+  std::printf(".SH NAME\nvekutil \\- command-line front end of the vekutil runtime library\n");
+  std::printf(".SH SYNOPSIS\n.B vekutil\n.I COMMAND\n[\n.I ARGS...\n]\n");
+  std::printf(".SH DESCRIPTION\n.B vekutil\nexposes the modules of libvekutil as sub-commands. Results go to "
+              "standard output, errors to standard error. Every command answers\n.B \\-\\-help\n"
+              "with its usage.\n");
+  std::printf(".SH COMMANDS\n");
+  for_each_command([](const Command& c) {
+    std::printf(".TP\n.B ");
+    roff_text(c.usage);
+    std::printf("\n");
+    roff_text(c.summary);
+    std::printf("\n");
+  });
+  std::printf(".SH EXIT STATUS\n");
+  for (const auto& s : kExitStatus) std::printf(".TP\n.B %s\n%s\n", s[0], s[1]);
+  std::printf(".SH EXAMPLES\n");
+  for (const Example& e : kExamples) {
+    std::printf(".TP\n.B ");
+    roff_text(e.command);
+    std::printf("\n");
+    roff_text(e.what);
+    std::printf("\n");
+  }
   return 0;
 }
 
@@ -54,6 +138,25 @@ int run_demo() {
   return failures == 0 ? 0 : 1;
 }
 
+bool is_help(const char* arg) { return !std::strcmp(arg, "--help") || !std::strcmp(arg, "-h"); }
+
+// True when the arguments after the command name ask for its help (before
+// a "--" that ends the options).
+bool asks_for_help(int argc, char** argv) {
+  for (int i = 2; i < argc && std::strcmp(argv[i], "--") != 0; ++i)
+    if (!std::strcmp(argv[i], "--help")) return true;
+  return false;
+}
+
+const Command* find_command(const char* name) {
+  const Registry& r = registry();
+  for (int i = 0; i < r.command_count; ++i)
+    if (!std::strcmp(name, r.commands[i].name)) return &r.commands[i];
+  for (const Command& c : kBuiltins)
+    if (!std::strcmp(name, c.name)) return &c;
+  return nullptr;
+}
+
 }  // namespace
 
 void register_command(const Command& command) {
@@ -70,19 +173,26 @@ void register_demo(const DemoSection& section) {
 
 int main(int argc, char** argv) {
   using namespace vektool;
+  sort_commands();
+  if (argc < 2) {
+    std::fprintf(stderr, "usage: vekutil COMMAND [ARGS...] (see vekutil --help)\n");
+    return 2;
+  }
+  if (is_help(argv[1]) || !std::strcmp(argv[1], "help")) return print_help();
+  if (!std::strcmp(argv[1], "--manual")) return print_manual();
+  const Command* command = find_command(argv[1]);
+  if (!command) {
+    std::fprintf(stderr, "vekutil: unknown command '%s' (see vekutil --help)\n", argv[1]);
+    return 2;
+  }
+  if (asks_for_help(argc, argv)) return print_command_help(*command);
   // The demo shows the memory report, which needs debug-mode accounting; the
   // mode must be chosen before the first allocation.
-  vekMemoryInitEx(argc >= 2 && !std::strcmp(argv[1], "demo") ? 1 : 0);
-  if (argc < 2 || !std::strcmp(argv[1], "--help") || !std::strcmp(argv[1], "-h") || !std::strcmp(argv[1], "help"))
-    return argc < 2 ? (print_help(), 2) : print_help();
+  vekMemoryInitEx(!std::strcmp(argv[1], "demo") ? 1 : 0);
   if (!std::strcmp(argv[1], "version")) {
     std::printf("vekutil %s\n", vekutil_version());
     return 0;
   }
   if (!std::strcmp(argv[1], "demo")) return run_demo();
-  const Registry& r = registry();
-  for (int i = 0; i < r.command_count; ++i)
-    if (!std::strcmp(argv[1], r.commands[i].name)) return r.commands[i].run(argc - 1, argv + 1);
-  std::fprintf(stderr, "vekutil: unknown command '%s' (see vekutil --help)\n", argv[1]);
-  return 2;
+  return command->run(argc - 1, argv + 1);
 }

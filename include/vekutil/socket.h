@@ -92,8 +92,9 @@ VEK_API int socket_delete(void* handle);
 VEK_API int socket_close(void* handle);
 VEK_API int socket_shutdown(void* handle);
 
-/* Connects to "host:port" within timeout milliseconds. Every failure leaves
- * the socket closed. socket_connect_ex uses SOCKET_OPTION_NODELAY,
+/* Connects to "host:port" within timeout milliseconds (-1: no limit of our
+ * own; below -1: ERR_INVALID_PARAMETER). A port of 1 to 65535 is required.
+ * An open socket is closed first. Every failure leaves the socket closed. socket_connect_ex uses SOCKET_OPTION_NODELAY,
  * socket_connect also a time-out of 5000 ms. */
 VEK_API int socket_connect_ex2(void* handle, const char* addr, int timeout, int options);
 VEK_API int socket_connect_ex(void* handle, const char* addr, int timeout);
@@ -164,7 +165,8 @@ VEK_API int socket_set_io_queues(void* handle, int send_queue, int recv_queue);
 /* Bytes waiting to be read and bytes not yet sent. */
 VEK_API int socket_check_queues(const void* handle, int* recvq, int* sendq);
 
-/* select() over the caller's fd_set pointers with a time-out in ms; the
+/* select() over the caller's fd_set pointers with a time-out in ms (below 0:
+ * no limit); the
  * ready count, ERR_SOCKET_TIMEOUT, or ERR_SOCKET_FAILED. A maxfd of
  * socket_get_fd_setsize() or more is refused with ERR_INVALID_PARAMETER:
  * such a descriptor does not fit in an fd_set. */

@@ -29,6 +29,7 @@
 #include <vekutil/timeutil.h>
 
 #include "core/instrumented.hpp"
+#include "core/scoped_lock.hpp"
 #include "core/internal.hpp"
 #include "core/scoped_lock.hpp"
 #include "net/net.internal.hpp"
@@ -171,7 +172,7 @@ int connect_failed(ABSTRACT_SOCKET* s, int code, int err) {
 
 int connect_errno(ABSTRACT_SOCKET* s, int code, const char* call) {
   const int e = errno;
-  log_vek_error("socket_connect_ex2(%s): %s failed[%d]\n", text_or_null(s->peer), call, e);
+  log_vek_error("socket_connect_ex2(%s:%d): %s failed[%d]\n", text_or_null(s->file), s->line, call, e);
   return connect_failed(s, code, e);
 }
 

@@ -93,12 +93,17 @@ int await(ABSTRACT_SOCKET* s, bool for_write, const Deadline& deadline) {
 
 int send_all(ABSTRACT_SOCKET* s, const unsigned char* data, int length, int timeout, const Deadline& deadline,
              bool more_follows) {
-  const int flags = MSG_NOSIGNAL | (timeout > 0 ? MSG_DONTWAIT : 0) | (more_follows ? MSG_MORE : 0);
+  const int flags = MSG_NOSIGNAL | (timeout > 0 ? MSG_DONTWAIT : 0);
   int sent = 0;
   while (sent < length) {
-    const ssize_t n = send(s->s, data + sent, (size_t)std::min(length - sent, kMaxIoChunk), flags);
+    const int chunk = std::min(length - sent, kMaxIoChunk);
+    const bool last = sent + chunk == length && !more_follows;
+    const ssize_t n = send(s->s, data + sent, (size_t)chunk, flags | (last ? 0 : MSG_MORE));
     if (n > 0) {
       sent += (int)n;
+      // Short while not blocking: the buffer is full, wait before retrying.
+      if (n < chunk && timeout > 0)
+        if (int rc = await(s, true, deadline)) return rc;
     } else if (n == 0) {
       return stream_error(s, ERR_SOCKET_CLOSED, ERR_SOCKET_CLOSED);
     } else if (timeout > 0 && vek::net::would_block(errno)) {
@@ -114,9 +119,13 @@ int recv_all(ABSTRACT_SOCKET* s, unsigned char* data, int length, int timeout, c
   const int flags = timeout > 0 ? MSG_DONTWAIT : 0;
   int received = 0;
   while (received < length) {
-    const ssize_t n = recv(s->s, data + received, (size_t)std::min(length - received, kMaxIoChunk), flags);
+    const int chunk = std::min(length - received, kMaxIoChunk);
+    const ssize_t n = recv(s->s, data + received, (size_t)chunk, flags);
     if (n > 0) {
       received += (int)n;
+      // Short while not blocking: the queue is empty, wait before asking again.
+      if (n < chunk && timeout > 0 && received < length)
+        if (int rc = await(s, false, deadline)) return rc;
     } else if (n == 0) {
       return stream_error(s, ERR_SOCKET_CLOSED, ERR_SOCKET_CLOSED);
     } else if (errno == EINTR) {

@@ -86,11 +86,14 @@ int tcp_send2(void* handle, const char* buffer, int length, int timeout) {
     const int chunk = std::min(length - sent, kMaxIoChunk);
     if (!logged) log_buffer(s, "send()", buffer + sent, chunk);
     logged = true;
-    const ssize_t n = send(s->s, buffer + sent, (size_t)chunk, flags);
+    const ssize_t n = send(s->s, buffer + sent, (size_t)chunk, flags | (sent + chunk < length ? MSG_MORE : 0));
     if (n >= 0) {
       sent += (int)n;
       logged = false;
-      continue;
+      // A short non-blocking send means the buffer is full: wait right away
+      // instead of asking again only to hear "would block".
+      if (n == chunk || timeout <= 0 || sent == length) continue;
+      errno = EAGAIN;
     }
     if (timeout > 0 && vek::net::would_block(errno)) {
       int rc = await_send(s, deadline);
@@ -119,7 +122,13 @@ int tcp_recv(void* handle, char* buffer, int length, int timeout) {
     const ssize_t n = recv(s->s, buffer + received, (size_t)std::min(length - received, kMaxIoChunk), flags);
     if (n > 0) {
       log_buffer(s, "recv()", buffer + received, (int)n);
+      const bool drained = n < std::min(length - received, kMaxIoChunk);
       received += (int)n;
+      // A short non-blocking read emptied the queue: wait right away.
+      if (!drained || timeout <= 0 || received == length) continue;
+      errno = EAGAIN;
+      int rc = await_recv(s, deadline);
+      if (rc != 0) return rc;
       continue;
     }
     if (n == 0) return fail(s, "recv()", ERR_SOCKET_CLOSED, ERR_SOCKET_CLOSED, ERR_SOCKET_CLOSED);

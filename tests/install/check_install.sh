@@ -1,20 +1,21 @@
 #!/bin/sh
-# Installs the built tree into a private prefix, then builds and runs a tiny C
-# program against it twice: once through pkg-config, once through CMake's
-# find_package(vekutil).
+# Installs the built tree into an unusual private prefix, then builds and runs
+# a tiny C program against it twice: once through pkg-config, once through
+# CMake's find_package(vekutil). The installed tool must run without
+# LD_LIBRARY_PATH, and again after the whole prefix has been moved.
 set -e
 build="$1"
 here="$2"
 tmp=$(mktemp -d)
 trap 'rm -rf "$tmp"' EXIT
-cmake --install "$build" --prefix "$tmp/prefix" > /dev/null
-libdir=$(ls -d "$tmp"/prefix/lib*/pkgconfig | head -n 1 | xargs dirname)
+prefix="$tmp/an-unusual-prefix/opt"
+cmake --install "$build" --prefix "$prefix" > /dev/null
+. "$here/consumers.sh"
+build_consumers "$prefix" "$tmp/consumers" "$here"
 
-PKG_CONFIG_PATH="$libdir/pkgconfig" cc -std=c11 -Wall -Wextra -Werror "$here/consumer.c" -o "$tmp/with_pkgconfig" \
-  $(PKG_CONFIG_PATH="$libdir/pkgconfig" pkg-config --cflags --libs vekutil)
-LD_LIBRARY_PATH="$libdir" "$tmp/with_pkgconfig"
-
-cmake -S "$here/consumer" -B "$tmp/consumer-build" -DCMAKE_PREFIX_PATH="$tmp/prefix" -DCONSUMER_SOURCE="$here/consumer.c" > /dev/null
-cmake --build "$tmp/consumer-build" > /dev/null
-LD_LIBRARY_PATH="$libdir" "$tmp/consumer-build/consumer"
+if [ -x "$prefix/bin/vekutil" ]; then
+  env -u LD_LIBRARY_PATH "$prefix/bin/vekutil" version
+  mv "$tmp/an-unusual-prefix" "$tmp/moved"
+  env -u LD_LIBRARY_PATH "$tmp/moved/opt/bin/vekutil" version
+fi
 echo "install and link: ok"

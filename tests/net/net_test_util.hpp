@@ -138,10 +138,11 @@ inline void reset_close(int fd) {
 }
 
 // A raw echo server: one thread serving clients one after another until
-// the object goes away.
+// the object goes away, greeting each first (so a client that read past
+// what was meant for it would swallow the greeting).
 class EchoServer {
  public:
-  EchoServer() : thread_([this] { run(); }) {}
+  explicit EchoServer(std::string greeting = "") : greeting_(std::move(greeting)), thread_([this] { run(); }) {}
   ~EchoServer() {
     stop_ = true;
     thread_.join();
@@ -154,6 +155,7 @@ class EchoServer {
     while (!stop_) {
       int fd = listener_.accept_fd(50);
       if (fd < 0) continue;
+      write_all(fd, greeting_);
       char buf[65536];
       for (;;) {
         pollfd p{fd, POLLIN, 0};
@@ -169,6 +171,7 @@ class EchoServer {
   }
 
   RawListener listener_;
+  std::string greeting_;
   std::atomic<bool> stop_{false};
   std::thread thread_;
 };

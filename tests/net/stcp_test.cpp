@@ -1,3 +1,4 @@
+// ctest-labels: tsan
 // The secure stream against OpenSSL's own AES-CBC (the openssl program on
 // the raw bytes of a peer socket), with the library on both ends, and its
 // refusals.
@@ -98,23 +99,6 @@ TEST_F(StcpTest, WireBytesAreOpenSslCbcInBothDirections) {
     writer.join();
     close(fd);
   }
-}
-
-TEST_F(StcpTest, MessageSizesOnTheWire) {
-  // 20 bytes take 32 on the wire, 32 take 32, a 3-byte text with its
-  // terminator takes 16.
-  RawListener raw;
-  Sock s;
-  ASSERT_EQ(0, socket_connect(s.get(), raw.addr().c_str()));
-  int fd = raw.accept_fd();
-  ASSERT_EQ(0, stcp_morph(s.get(), kKey, kIv, 128));
-  char twenty[20] = {}, thirty_two[32] = {}, text[] = "abc";
-  ASSERT_EQ(0, socket_send(s.get(), twenty, 20));
-  ASSERT_EQ(0, socket_send(s.get(), thirty_two, 32));
-  ASSERT_EQ(0, socket_send(s.get(), text, -1));
-  socket_shutdown(s.get());
-  EXPECT_EQ(32u + 32u + 16u, read_to_end(fd).size());
-  close(fd);
 }
 
 TEST_F(StcpTest, LibraryOnBothEndsWithConcurrentDirections) {
