@@ -102,7 +102,7 @@ class DirectoryStack {
   DirectoryStack() = default;
   ~DirectoryStack() {
     while (count_ > 0) pop();
-    _vekFree(items_, kSource, __LINE__);
+    if (items_) _vekFree(items_, kSource, __LINE__);  // a null release would count a block down
   }
   DirectoryStack(const DirectoryStack&) = delete;
   DirectoryStack& operator=(const DirectoryStack&) = delete;
@@ -114,7 +114,7 @@ class DirectoryStack {
   bool push(DIR* dir, const char* name) {
     char* copy = name ? clone_string(name, -1) : nullptr;
     if ((name && !copy) || !reserve()) {
-      _vekFree(copy, kSource, __LINE__);
+      if (copy) _vekFree(copy, kSource, __LINE__);
       closedir(dir);
       return false;
     }
@@ -125,7 +125,7 @@ class DirectoryStack {
   void pop() {
     OpenDirectory& d = items_[--count_];
     closedir(d.dir);
-    _vekFree(d.name, kSource, __LINE__);
+    if (d.name) _vekFree(d.name, kSource, __LINE__);
   }
 
  private:
@@ -169,7 +169,7 @@ void empty_tree(DirectoryStack& open) {
       current.name = nullptr;
       open.pop();
       if (name && !open.empty()) unlinkat(dirfd(open.top().dir), name, AT_REMOVEDIR);
-      _vekFree(name, kSource, __LINE__);
+      if (name) _vekFree(name, kSource, __LINE__);
       continue;
     }
     if (is_dot_or_dotdot(entry->d_name)) continue;
