@@ -18,9 +18,11 @@
 #include <sys/sendfile.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 
 #include <cerrno>
 #include <climits>
@@ -939,21 +941,45 @@ Io send_ascii(Client* co, void* conn, int file) {
   }
 }
 
+// sendfile on the socket in blocking mode, each call bounded by a send
+// time-out of one wait slice: the kernel waits for buffer space itself (one
+// call per buffer drained, not a call and a poll), and the loop still sees
+// the idle limit and the stop flag.
 Io send_binary(Client* co, void* conn, int file, long long offset) {
   int fd = socket_descriptor(conn);
+  fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) & ~O_NONBLOCK);
+  struct timeval slice = {0, kWaitSliceMs * 1000};
+  setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &slice, sizeof slice);
+  int off = 0;  // full segments only: a bulk transfer gains nothing from pushing partial ones
+  setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &off, sizeof off);
   off_t pos = (off_t)offset;
+  int idle_ms = 0;
+  Io io = Io::kOk;
   for (;;) {
     ssize_t n = sendfile(fd, file, &pos, (size_t)kSendfileChunk);
     if (n > 0) {
       count_out(conn, n);
+      idle_ms = 0;
       continue;
     }
-    if (n == 0) return Io::kOk;
+    if (n == 0) break;
     if (errno == EINTR) continue;
-    if (errno != EAGAIN && errno != EWOULDBLOCK) return Io::kError;
-    Io io = wait_ready(co, fd, POLLOUT);
-    if (io != Io::kOk) return io;
+    if (errno != EAGAIN && errno != EWOULDBLOCK) {
+      io = Io::kError;
+      break;
+    }
+    idle_ms += kWaitSliceMs;
+    if (server_stopping(co)) {
+      io = Io::kError;
+      break;
+    }
+    if (idle_ms >= kDataIdleMs) {
+      io = Io::kIdle;
+      break;
+    }
   }
+  fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK);
+  return io;
 }
 
 int cmd_retr(void* p, const char*, const char* args) {
@@ -1011,28 +1037,89 @@ size_t ascii_to_local(const char* in, size_t n, char* out) {
   return w;
 }
 
+// Moves what sits in the pipe into the file: by splice while the file takes
+// it, else (a file system or an append-mode file that refuses splice)
+// through a buffer. False when the file stores nothing more.
+bool drain_pipe(int pipe_out, int file, size_t n, bool* no_splice, char* buffer) {
+  while (n > 0) {
+    ssize_t w;
+    if (!*no_splice) {
+      w = splice(pipe_out, nullptr, file, nullptr, n, SPLICE_F_MOVE);
+      if (w < 0 && errno == EINVAL) {
+        *no_splice = true;
+        continue;
+      }
+    } else {
+      w = read(pipe_out, buffer, n < (size_t)kBinaryBlock ? n : (size_t)kBinaryBlock);
+      if (w > 0 && !write_all(file, buffer, (size_t)w)) return false;
+    }
+    if (w < 0 && errno == EINTR) continue;
+    if (w <= 0) return false;
+    n -= (size_t)w;
+  }
+  return true;
+}
+
+// Binary: from the socket through a pipe into the file with splice, so the
+// bytes never pass through this process.
+Io receive_binary(Client* co, void* conn, int file, bool* write_failed) {
+  char* buffer = static_cast<char*>(_vekMalloc(kBinaryBlock, kSource, __LINE__));
+  int pipe_fds[2];
+  if (!buffer || pipe2(pipe_fds, O_CLOEXEC) != 0) {
+    vek::release(buffer, kSource, __LINE__);
+    return Io::kError;
+  }
+  fcntl(pipe_fds[1], F_SETPIPE_SZ, kBinaryBlock);
+  int fd = socket_descriptor(conn);
+  bool no_splice = false;
+  Io io = Io::kOk;
+  for (;;) {
+    ssize_t n = splice(fd, nullptr, pipe_fds[1], nullptr, kBinaryBlock, SPLICE_F_MOVE | SPLICE_F_NONBLOCK);
+    if (n > 0) {
+      count_in(conn, n);
+      if (!drain_pipe(pipe_fds[0], file, (size_t)n, &no_splice, buffer)) {
+        *write_failed = true;
+        break;
+      }
+      continue;
+    }
+    if (n == 0) {
+      io = Io::kClosed;
+      break;
+    }
+    if (errno == EINTR) continue;
+    if (errno != EAGAIN && errno != EWOULDBLOCK) {
+      io = Io::kError;
+      break;
+    }
+    io = wait_ready(co, fd, POLLIN);
+    if (io != Io::kOk) break;
+  }
+  close(pipe_fds[0]);
+  close(pipe_fds[1]);
+  vek::release(buffer, kSource, __LINE__);
+  return io;
+}
+
 // Receives into the file until the client closes the data connection in
 // order (kOk), the connection fails or stalls (that Io), or a write stores
 // nothing (*write_failed).
 Io receive_file(Client* co, void* conn, int file, bool* write_failed) {
-  bool ascii = co->data_ascii_mode != 0;
-  size_t block = ascii ? kAsciiBlock : kBinaryBlock;
-  char* buffer = static_cast<char*>(_vekMalloc(ascii ? 2 * block : block, kSource, __LINE__));
+  if (!co->data_ascii_mode) {
+    Io io = receive_binary(co, conn, file, write_failed);
+    return io == Io::kClosed ? Io::kOk : io;
+  }
+  char* buffer = static_cast<char*>(_vekMalloc(3 * kAsciiBlock, kSource, __LINE__));
   if (!buffer) return Io::kError;
   int fd = socket_descriptor(conn);
   Io io;
   for (;;) {
     size_t got = 0;
-    io = recv_some(co, fd, buffer, block, &got);
+    io = recv_some(co, fd, buffer, kAsciiBlock, &got);
     if (io != Io::kOk) break;
     count_in(conn, (long long)got);
-    const char* data = buffer;
-    size_t len = got;
-    if (ascii) {
-      len = ascii_to_local(buffer, got, buffer + block);
-      data = buffer + block;
-    }
-    if (len == 0 || !write_all(file, data, len)) {
+    size_t len = ascii_to_local(buffer, got, buffer + kAsciiBlock);
+    if (len == 0 || !write_all(file, buffer + kAsciiBlock, len)) {
       *write_failed = true;
       break;
     }
