@@ -139,6 +139,49 @@ int run_ftpd(int argc, char** argv) {
   return 0;
 }
 
+// ---- Demo section: a server on a scratch folder and one scripted session.
+
+// Reads one reply line from the control connection (at most 5 s).
+std::string read_reply(void* socket) {
+  std::string line;
+  char c = 0;
+  while (socket_recv(socket, &c, 1, 5000) == 0) {
+    line += c;
+    if (c == '\n') break;
+  }
+  while (!line.empty() && (line.back() == '\n' || line.back() == '\r')) line.pop_back();
+  return line;
+}
+
+int demo_ftp() {
+  char root[] = "/tmp/vekutil-ftp-demo.XXXXXX";
+  if (!mkdtemp(root)) return 1;
+  g_accounts = {{"demo", "demo", FTP_ACCESS_ALL}};
+  void* server = nullptr;
+  void* client = nullptr;
+  bool ok = socket_async_default_init(64, 0, 2000) == 0 &&
+            ftp_server_start(&server, 0, root, authenticate, nullptr, nullptr) == 0 && socket_create(&client) == 0;
+  std::string addr = server ? "127.0.0.1:" + std::to_string(static_cast<_FTP_SERVER_OBJECT*>(server)->port) : "";
+  ok = ok && socket_connect(client, addr.c_str()) == 0;
+  if (ok) {
+    std::printf("  server on %s serving %s\n  <- %s\n", addr.c_str(), root, read_reply(client).c_str());
+    for (const char* line : {"USER demo", "PASS demo", "MKD reports", "CWD reports", "PWD", "CWD ../..", "noop", "QUIT"}) {
+      std::string text = std::string(line) + "\r\n";
+      socket_send(client, text.c_str(), (int)text.size());
+      std::printf("  -> %-12s <- %s\n", line, read_reply(client).c_str());
+    }
+  }
+  if (client) socket_delete(client);
+  if (server) ftp_server_stop(server);
+  ftp_command_uninit();
+  socket_async_default_uninit();
+  g_accounts.clear();
+  ok = ok && directory_delete_recursive(root) == 0;
+  return ok ? 0 : 1;
+}
+
+vektool::DemoRegistrar demo_section{{"ftp server", 90, demo_ftp}};
+
 vektool::Registrar reg_ftpd{{"ftpd", "ftpd [--listen PORT] [--root DIR] [--user N:P[:LEVEL]]...",
                              "serve a folder over FTP", run_ftpd}};
 
