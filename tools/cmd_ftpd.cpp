@@ -87,6 +87,8 @@ int run_ftpd(int argc, char** argv) {
       std::fputs(kUsage, stdout);
       return 0;
     }
+    if (arg != "--listen" && arg != "--root" && arg != "--user" && arg != "--public-ip")
+      return usage_error(("unknown option " + arg).c_str());
     if (i + 1 >= argc) return usage_error(("missing value after " + arg).c_str());
     const char* value = argv[++i];
     if (arg == "--listen") {
@@ -99,10 +101,8 @@ int run_ftpd(int argc, char** argv) {
       Account account;
       if (!parse_account(value, &account)) return usage_error("bad --user, want NAME:PASSWORD[:read|write|all]");
       g_accounts.push_back(account);
-    } else if (arg == "--public-ip") {
-      public_ip = value;
     } else {
-      return usage_error(("unknown option " + arg).c_str());
+      public_ip = value;
     }
   }
   if (g_accounts.empty()) std::fprintf(stderr, "vekutil ftpd: no --user given: nobody can log in\n");
