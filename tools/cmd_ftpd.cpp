@@ -89,6 +89,8 @@ int run_ftpd(int argc, char** argv) {
       std::fputs(kUsage, stdout);
       return 0;
     }
+    if (arg != "--listen" && arg != "--root" && arg != "--user" && arg != "--public-ip")
+      return usage_error(("unknown option " + arg).c_str());
     if (i + 1 >= argc) return usage_error(("missing value after " + arg).c_str());
     const char* value = argv[++i];
     if (arg == "--listen") {
@@ -101,10 +103,8 @@ int run_ftpd(int argc, char** argv) {
       Account account;
       if (!parse_account(value, &account)) return usage_error("bad --user, want NAME:PASSWORD[:read|write|all]");
       g_accounts.push_back(account);
-    } else if (arg == "--public-ip") {
-      public_ip = value;
     } else {
-      return usage_error(("unknown option " + arg).c_str());
+      public_ip = value;
     }
   }
   if (g_accounts.empty()) std::fprintf(stderr, "vekutil ftpd: no --user given: nobody can log in\n");
@@ -140,6 +140,49 @@ int run_ftpd(int argc, char** argv) {
   std::printf("stopped on signal %d\n", signal_number);
   return 0;
 }
+
+// ---- Demo section: a server on a scratch folder and one scripted session.
+
+// Reads one reply line from the control connection (at most 5 s).
+std::string read_reply(void* socket) {
+  std::string line;
+  char c = 0;
+  while (socket_recv(socket, &c, 1, 5000) == 0) {
+    line += c;
+    if (c == '\n') break;
+  }
+  while (!line.empty() && (line.back() == '\n' || line.back() == '\r')) line.pop_back();
+  return line;
+}
+
+int demo_ftp() {
+  char root[] = "/tmp/vekutil-ftp-demo.XXXXXX";
+  if (!mkdtemp(root)) return 1;
+  g_accounts = {{"demo", "demo", FTP_ACCESS_ALL}};
+  void* server = nullptr;
+  void* client = nullptr;
+  bool ok = socket_async_default_init(64, 0, 2000) == 0 &&
+            ftp_server_start(&server, 0, root, authenticate, nullptr, nullptr) == 0 && socket_create(&client) == 0;
+  std::string addr = server ? "127.0.0.1:" + std::to_string(static_cast<_FTP_SERVER_OBJECT*>(server)->port) : "";
+  ok = ok && socket_connect(client, addr.c_str()) == 0;
+  if (ok) {
+    std::printf("  server on %s serving %s\n  <- %s\n", addr.c_str(), root, read_reply(client).c_str());
+    for (const char* line : {"USER demo", "PASS demo", "MKD reports", "CWD reports", "PWD", "CWD ../..", "noop", "QUIT"}) {
+      std::string text = std::string(line) + "\r\n";
+      socket_send(client, text.c_str(), (int)text.size());
+      std::printf("  -> %-12s <- %s\n", line, read_reply(client).c_str());
+    }
+  }
+  if (client) socket_delete(client);
+  if (server) ftp_server_stop(server);
+  ftp_command_uninit();
+  socket_async_default_uninit();
+  g_accounts.clear();
+  ok = ok && directory_delete_recursive(root) == 0;
+  return ok ? 0 : 1;
+}
+
+vektool::DemoRegistrar demo_section{{"ftp server", 90, demo_ftp}};
 
 vektool::Registrar reg_ftpd{{"ftpd", ftpd_appliance::kCommandUsage,
                              "serve a folder over FTP", run_ftpd}};

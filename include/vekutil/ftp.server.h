@@ -130,6 +130,10 @@ VEK_API const char* ftp_server_client_directory(const void* client);
 VEK_API const char* ftp_server_client_username(const void* client);
 VEK_API const char* ftp_server_client_address(const void* client);
 
+/* The process-wide command table: a hash B-tree of _FTP_COMMAND keyed by the
+ * CRC-32 of the name (btree_str_hash). NULL until the first registration. */
+VEK_API extern void* g_ftp_command_btree;
+
 /* Adds a command to the process-wide table (names are case-sensitive, at
  * most 128 characters kept). The first registration of a name wins. Not
  * locked: register before starting servers. Registering before the first

@@ -45,7 +45,7 @@
 #include "core/scoped_lock.hpp"
 #include "protocols/ftp.server.internal.hpp"
 
-VEK_API void* g_ftp_command_btree = nullptr;
+void* g_ftp_command_btree = nullptr;
 
 namespace vek::ftp {
 namespace {

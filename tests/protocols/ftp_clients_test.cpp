@@ -2,7 +2,9 @@
 // command, passive and active, binary and ASCII), curl (listing, download,
 // upload, active mode) and lftp (mirroring a tree both ways). Contents are
 // compared by checksum.
+#include <signal.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 
 #include <filesystem>
 #include <map>
@@ -178,6 +180,33 @@ TEST_F(FtpClientsTest, LftpMirrorsATreeBothWays) {
   expect_tree(local, files);
   ASSERT_EQ(0, vektest::run_program({"lftp", "-c", open + "mirror -R " + local + " back"}, &out, "", 240000)) << out;
   expect_tree(path("back"), files);
+}
+
+// The tool: serves until SIGTERM, one line per command, then a clean stop.
+TEST_F(FtpClientsTest, ToolServesAndStopsOnSignal) {
+  char self[4096] = {};
+  if (readlink("/proc/self/exe", self, sizeof self - 1) <= 0) GTEST_SKIP();
+  std::string tool = fs::path(self).parent_path().parent_path().string() + "/tools/vekutil";
+  if (!vektest::have_program(tool)) GTEST_SKIP() << "tool not built";
+  int port = vektest::free_tcp_port();
+  std::string log = dir_.file("ftpd.log");
+  vektest::PeerProcess ftpd;
+  ASSERT_TRUE(ftpd.start({tool, "ftpd", "--listen", std::to_string(port), "--root", root_, "--user", "ann:pw:read"}, log));
+  ASSERT_TRUE(ftpd.wait_tcp_port(port));
+  {
+    Control c(port);
+    EXPECT_TRUE(c.login("ann"));
+    EXPECT_EQ("257 \"/\" is current directory.\r\n", c.cmd("PWD"));
+    EXPECT_EQ("550 Requested action not taken.\r\n", c.cmd("MKD x"));
+    c.cmd("QUIT");
+  }
+  kill(ftpd.pid(), SIGTERM);
+  int status = -1;
+  ASSERT_TRUE(ftpd.wait_exit(10000, &status));
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+  std::string out = vektest::read_file(log);
+  for (const char* line : {" ann \"PASS ****\" 0\n", " ann \"PWD\" 0\n", " ann \"MKD x\" 0\n", "stopped on signal 15\n"})
+    EXPECT_NE(std::string::npos, out.find(line)) << out;
 }
 
 }  // namespace
