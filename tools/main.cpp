@@ -49,6 +49,10 @@ constexpr Example kExamples[] = {
     {"vekutil json --pretty config.json", "check a JSON file and print it indented"},
     {"vekutil crc32 *.tar", "CRC-32 of each archive"},
     {"echo hello | vekutil base64 encode", "Base64 of standard input"},
+    {"vekutil ftpd --db ./ftp.db user add alice --level all", "add an FTP account (password from standard input)"},
+    {"vekutil ftpd --db ./ftp.db --root ./ftp-root --listen 2121", "serve ./ftp-root over FTP until SIGINT or SIGTERM"},
+    {"vekutil http get https://example.org/file.iso -o file.iso --resume", "download, continuing a partial file"},
+    {"vekutil sql app.db 'SELECT * FROM users'", "print a query as an aligned table"},
 };
 
 constexpr const char* kExitStatus[][2] = {
