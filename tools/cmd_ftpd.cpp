@@ -42,8 +42,8 @@ int level_of(const std::string& text) {
   return -1;
 }
 
-bool parse_account(const char* spec, Account* account) {
-  std::string text = spec;
+bool parse_account(const char* argument, Account* account) {
+  std::string text = argument;
   size_t colon = text.find(':');
   if (colon == std::string::npos || colon == 0) return false;
   account->name = text.substr(0, colon);

@@ -101,8 +101,8 @@ constexpr const char* kLevelsScript = R"PY(
 import ftplib, io, json, sys
 port = int(sys.argv[1])
 out = {}
-for spec in sys.argv[2:]:
-    user, pw = spec.split(':', 1)
+for account in sys.argv[2:]:
+    user, pw = account.split(':', 1)
     r = {}
     f = ftplib.FTP()
     f.connect('127.0.0.1', port, timeout=20)
@@ -111,7 +111,7 @@ for spec in sys.argv[2:]:
         r['login'] = 'ok'
     except ftplib.error_perm as e:
         r['login'] = str(e)
-        out[spec] = r
+        out[account] = r
         f.close()
         continue
     def attempt(name, fn):
@@ -125,7 +125,7 @@ for spec in sys.argv[2:]:
     attempt('stor', lambda: f.storbinary('STOR up-%s.txt' % user, io.BytesIO(b'data')))
     attempt('status', lambda: f.sendcmd('SITE STATUS'))
     f.quit()
-    out[spec] = r
+    out[account] = r
 print(json.dumps(out))
 )PY";
 
@@ -249,9 +249,9 @@ TEST_F(ApplianceTest, FtplibSeesEachAccessLevelAndOneAnswerForEveryRefusedLogin)
   ASSERT_EQ(0, ftptest::run_python(kLevelsScript, args, &out)) << out;
   JSON* results = json_Parse(out.c_str());
   ASSERT_NE(nullptr, results) << out;
-  for (const auto& [spec, expect] : cases) {
-    SCOPED_TRACE(spec);
-    JSON* r = json_GetObjectItem(results, spec.c_str());
+  for (const auto& [account, expect] : cases) {
+    SCOPED_TRACE(account);
+    JSON* r = json_GetObjectItem(results, account.c_str());
     ASSERT_NE(nullptr, r) << out;
     EXPECT_EQ(expect.login, object_text(r, "login"));
     if (!expect.list) continue;
