@@ -615,26 +615,24 @@ int cmd_mkd(void* p, const char*, const char* args) {
   return 0;
 }
 
-int cmd_rmd(void* p, const char*, const char* args) {
+// RMD and DELE: removes a confined path other than the root itself.
+int remove_confined(void* p, const char* args, int (*remove)(const char*), const char* done) {
   Client* co = client(p);
   if (!authorised(co, FTP_ACCESS_WRITE)) return 0;
   char target[PATH_MAX];
-  if (resolve_arg(co, args, target) && !is_root(co, target) && directory_delete_recursive(target) == 0)
-    reply(co, "250 rmdir command successful.\r\n");
+  if (resolve_arg(co, args, target) && !is_root(co, target) && remove(target) == 0)
+    reply(co, done);
   else
     reply(co, kNoBad);
   return 0;
 }
 
+int cmd_rmd(void* p, const char*, const char* args) {
+  return remove_confined(p, args, directory_delete_recursive, "250 rmdir command successful.\r\n");
+}
+
 int cmd_dele(void* p, const char*, const char* args) {
-  Client* co = client(p);
-  if (!authorised(co, FTP_ACCESS_WRITE)) return 0;
-  char target[PATH_MAX];
-  if (resolve_arg(co, args, target) && !is_root(co, target) && file_delete(target) == 0)
-    reply(co, "250 DELE command successful.\r\n");
-  else
-    reply(co, kNoBad);
-  return 0;
+  return remove_confined(p, args, file_delete, "250 DELE command successful.\r\n");
 }
 
 int cmd_rnfr(void* p, const char*, const char* args) {
