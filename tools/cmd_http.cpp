@@ -25,6 +25,7 @@
 #include <vekutil/vekutil.h>
 
 #include "command.hpp"
+#include "socket_util.hpp"
 
 namespace {
 
@@ -68,30 +69,14 @@ int method_of(const std::string& word) {
   return 0;
 }
 
-// "scheme://[user:pass@]host:port" into the proxy fields; false if malformed.
 bool parse_proxy(const std::string& text, Options* o) {
-  static const std::pair<const char*, int> kSchemes[] = {{"http://", SOCKET_PROXY_HTTP},
-                                                         {"socks4://", SOCKET_PROXY_SOCKS4},
-                                                         {"socks4a://", SOCKET_PROXY_SOCKS4A},
-                                                         {"socks5://", SOCKET_PROXY_SOCKS5}};
-  for (const auto& [scheme, type] : kSchemes) {
-    if (text.rfind(scheme, 0) != 0) continue;
-    std::string rest = text.substr(std::strlen(scheme));
-    if (!rest.empty() && rest.back() == '/') rest.pop_back();
-    const size_t at = rest.rfind('@');
-    if (at != std::string::npos) {
-      const std::string credentials = rest.substr(0, at);
-      const size_t colon = credentials.find(':');
-      o->proxy_user = credentials.substr(0, colon);
-      o->proxy_pass = colon == std::string::npos ? "" : credentials.substr(colon + 1);
-      rest = rest.substr(at + 1);
-    }
-    if (rest.find(':') == std::string::npos || rest.find('/') != std::string::npos) return false;
-    o->proxy_addr = rest;
-    o->proxy_type = type;
-    return true;
-  }
-  return false;
+  vektool::ProxyUrl proxy;
+  if (!vektool::parse_proxy_url(text, &proxy)) return false;
+  o->proxy_type = proxy.type;
+  o->proxy_addr = proxy.addr;
+  o->proxy_user = proxy.user;
+  o->proxy_pass = proxy.pass;
+  return true;
 }
 
 // 0 when the arguments make sense, 1 for --help, else 2 after a hint.

@@ -64,33 +64,15 @@ bool parse_secure(const std::string& text, Options* o) {
   return (k == 16 || k == 24 || k == 32) && o->iv.size() == kBlock;
 }
 
-// SCHEME://[USER:PASS@]HOST:PORT
 bool parse_proxy(const std::string& url, Options* o) {
-  static const struct {
-    const char* scheme;
-    int type;
-  } kSchemes[] = {{"http://", SOCKET_PROXY_HTTP},
-                  {"socks4://", SOCKET_PROXY_SOCKS4},
-                  {"socks4a://", SOCKET_PROXY_SOCKS4A},
-                  {"socks5://", SOCKET_PROXY_SOCKS5}};
-  for (const auto& s : kSchemes) {
-    if (url.rfind(s.scheme, 0) != 0) continue;
-    std::string rest = url.substr(std::strlen(s.scheme));
-    const size_t at = rest.rfind('@');
-    if (at != std::string::npos) {
-      const std::string credentials = rest.substr(0, at);
-      const size_t colon = credentials.find(':');
-      o->proxy_user = credentials.substr(0, colon);
-      o->proxy_pass = colon == std::string::npos ? "" : credentials.substr(colon + 1);
-      rest = rest.substr(at + 1);
-    }
-    if (rest.find(':') == std::string::npos) return false;
-    o->proxy_addr = rest;
-    o->proxy_type = s.type;
-    o->have_proxy = true;
-    return true;
-  }
-  return false;
+  vektool::ProxyUrl proxy;
+  if (!vektool::parse_proxy_url(url, &proxy)) return false;
+  o->proxy_type = proxy.type;
+  o->proxy_addr = proxy.addr;
+  o->proxy_user = proxy.user;
+  o->proxy_pass = proxy.pass;
+  o->have_proxy = true;
+  return true;
 }
 
 // Parses the common options; returns 0, or the exit code of a usage error.
