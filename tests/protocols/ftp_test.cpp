@@ -154,7 +154,6 @@ class FtpServer {
   std::string address() const { return "127.0.0.1:" + std::to_string(port_); }
   std::string user() const { return kind_ == Server::kVsftpd ? "anonymous" : "tester"; }
   std::string password() const { return kind_ == Server::kVsftpd ? "vek@test" : "secret"; }
-  std::string log() const { return vektest::read_file(dir_.file("server.log")); }
   pid_t pid() const { return process_.pid(); }
 
  private:

@@ -6,6 +6,8 @@
 
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
 #include <string>
 #include <vector>
 
@@ -211,6 +213,24 @@ class NginxPeer {
     int n = 0;
     for (size_t at = log.find(needle); at != std::string::npos; at = log.find(needle, at + 1)) ++n;
     return n;
+  }
+  // nginx logs a request after the response has gone out, so a count read
+  // right after the client returns may lag; wait (bounded) for `want`.
+  int hits_once_settled(const std::string& path, int want) const {
+    int n = hits(path);
+    for (int tries = 0; n < want && tries < 500; ++tries) {
+      usleep(10 * 1000);
+      n = hits(path);
+    }
+    return n;
+  }
+  // Whether the access log holds `text`, waiting (bounded) for it as above.
+  bool logged(const std::string& text) const {
+    for (int tries = 0; tries < 500; ++tries) {
+      if (vektest::read_file(access_log_).find(text) != std::string::npos) return true;
+      usleep(10 * 1000);
+    }
+    return false;
   }
 
  private:
