@@ -74,10 +74,7 @@ int demo_memory_and_log() {
 }
 
 int run_hexdump(int argc, char** argv) {
-  if (argc != 2) {
-    std::fprintf(stderr, "usage: vekutil hexdump FILE\n");
-    return 2;
-  }
+  if (argc != 2) return vektool::usage_error("hexdump", "exactly one FILE is required");
   FILE* f = std::fopen(argv[1], "rb");
   if (!f) {
     std::fprintf(stderr, "vekutil hexdump: cannot open %s\n", argv[1]);
@@ -97,6 +94,6 @@ int run_hexdump(int argc, char** argv) {
 }
 
 vektool::DemoRegistrar demo_section{{"memory and log", 10, demo_memory_and_log}};
-vektool::Registrar hexdump_command{{"hexdump", "hexdump FILE", "hex dump of a file", run_hexdump}};
+vektool::Registrar hexdump_command{{"hexdump", "hexdump FILE", "hex dump of a file", run_hexdump, nullptr}};
 
 }  // namespace

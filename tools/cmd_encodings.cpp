@@ -24,10 +24,7 @@ void release(void* p) {
 }
 
 int run_crc32(int argc, char** argv) {
-  if (argc < 2) {
-    std::fprintf(stderr, "usage: vekutil crc32 FILE...\n");
-    return 2;
-  }
+  if (argc < 2) return vektool::usage_error("crc32", "at least one FILE is required");
   int status = 0;
   for (int i = 1; i < argc; ++i) {
     unsigned int crc = 0;
@@ -41,11 +38,11 @@ int run_crc32(int argc, char** argv) {
   return status;
 }
 
-// Parses "encode" / "decode"; prints the usage and returns -1 otherwise.
+// Parses "encode" / "decode"; prints a usage hint and returns -1 otherwise.
 int codec_direction(int argc, char** argv, const char* name) {
   if (argc == 2 && !std::strcmp(argv[1], "encode")) return 0;
   if (argc == 2 && !std::strcmp(argv[1], "decode")) return 1;
-  std::fprintf(stderr, "usage: vekutil %s encode|decode  (standard input to standard output)\n", name);
+  vektool::usage_error(name, "the one argument is encode or decode");
   return -1;
 }
 
@@ -101,10 +98,7 @@ int run_base64(int argc, char** argv) {
 }
 
 int run_guid(int argc, char**) {
-  if (argc != 1) {
-    std::fprintf(stderr, "usage: vekutil guid\n");
-    return 2;
-  }
+  if (argc != 1) return vektool::usage_error("guid", "takes no arguments");
   guid_init();
   char* guid = guid_create();
   if (!guid) return 1;
@@ -146,10 +140,15 @@ int demo_encodings() {
   return same && rc == 0 ? 0 : 1;
 }
 
-vektool::Registrar reg_crc32{{"crc32", "crc32 FILE...", "CRC-32 of each file", run_crc32}};
-vektool::Registrar reg_base32{{"base32", "base32 encode|decode", "Base32 from standard input", run_base32}};
-vektool::Registrar reg_base64{{"base64", "base64 encode|decode", "Base64 from standard input", run_base64}};
-vektool::Registrar reg_guid{{"guid", "guid", "print a new 36-character identifier", run_guid}};
+constexpr const char* kCodecDetails =
+    "Reads standard input and writes standard output; encoded text ends with a newline.\n";
+
+vektool::Registrar reg_crc32{{"crc32", "crc32 FILE...", "CRC-32 of each file", run_crc32, nullptr}};
+vektool::Registrar reg_base32{{"base32", "base32 encode|decode", "Base32 from standard input", run_base32,
+                                kCodecDetails}};
+vektool::Registrar reg_base64{{"base64", "base64 encode|decode", "Base64 from standard input", run_base64,
+                                kCodecDetails}};
+vektool::Registrar reg_guid{{"guid", "guid", "print a new 36-character identifier", run_guid, nullptr}};
 vektool::DemoRegistrar demo{{"encodings", 50, demo_encodings}};
 
 }  // namespace

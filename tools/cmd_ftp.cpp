@@ -17,23 +17,16 @@ namespace {
 
 constexpr const char* kUsage = "ftp get|put|del ftp://[USER[:PASSWORD]@]HOST[:PORT]/PATH [LOCAL] [--active]";
 
-int usage_error(const std::string& problem) {
-  std::fprintf(stderr, "vekutil ftp: %s\nusage: vekutil %s  (see --help)\n", problem.c_str(), kUsage);
-  return 2;
-}
+constexpr const char* kDetails =
+    "  get  downloads PATH into LOCAL (default: the last part of PATH)\n"
+    "  put  uploads LOCAL to PATH (a PATH ending in '/' gets LOCAL's name)\n"
+    "  del  deletes PATH\n\n"
+    "Logs in anonymously unless the URL names a user. PATH is relative to the\n"
+    "login directory (begin it with %2F for an absolute one); %XX escapes are\n"
+    "decoded in the user, password and path. The data connection is passive\n"
+    "unless --active is given. Port 21 by default.\n";
 
-void print_help() {
-  std::printf(
-      "usage: vekutil %s\n\n"
-      "  get  downloads PATH into LOCAL (default: the last part of PATH)\n"
-      "  put  uploads LOCAL to PATH (a PATH ending in '/' gets LOCAL's name)\n"
-      "  del  deletes PATH\n\n"
-      "Logs in anonymously unless the URL names a user. PATH is relative to the\n"
-      "login directory (begin it with %%2F for an absolute one); %%XX escapes are\n"
-      "decoded in the user, password and path. The data connection is passive\n"
-      "unless --active is given. Port 21 by default.\n",
-      kUsage);
-}
+int usage_error(const std::string& problem) { return vektool::usage_error("ftp", problem.c_str()); }
 
 struct FtpUrl {
   std::string user = "anonymous";
@@ -189,8 +182,6 @@ int perform(void* client, const Request& request, const FtpUrl& url) {
 }
 
 int run_ftp(int argc, char** argv) {
-  for (int i = 1; i < argc; ++i)
-    if (!std::strcmp(argv[i], "--help") || !std::strcmp(argv[i], "-h")) return print_help(), 0;
   Request request;
   if (const int bad = parse_request(argc, argv, &request)) return bad;
   FtpUrl url;
@@ -214,6 +205,7 @@ int run_ftp(int argc, char** argv) {
   return 0;
 }
 
-vektool::Registrar reg_ftp{{"ftp", kUsage, "download, upload or delete one file on an FTP server", run_ftp}};
+vektool::Registrar reg_ftp{{"ftp", kUsage, "download, upload or delete one file on an FTP server", run_ftp,
+                           kDetails}};
 
 }  // namespace

@@ -16,16 +16,6 @@
 
 namespace {
 
-constexpr const char* kUsage =
-    "usage: vekutil ftpd [--listen PORT] [--root DIR] [--user NAME:PASSWORD[:read|write|all]]... "
-    "[--public-ip ADDR]\n"
-    "  --listen PORT      port to listen on (default 2121; 0 picks a free one)\n"
-    "  --root DIR         folder to serve (default: the current directory)\n"
-    "  --user ...         an account; the level defaults to read (repeatable)\n"
-    "  --public-ip ADDR   address announced for passive transfers\n"
-    "Serves until SIGINT or SIGTERM. Prints the port on the first line, then\n"
-    "one line per command: client address, user, command line, result.\n";
-
 struct Account {
   std::string name;
   std::string password;
@@ -73,10 +63,7 @@ void print_command(const void* client, const char* command, const char* line, in
   std::fflush(stdout);
 }
 
-int usage_error(const char* message) {
-  std::fprintf(stderr, "vekutil ftpd: %s (see vekutil ftpd --help)\n", message);
-  return 2;
-}
+int usage_error(const char* message) { return vektool::usage_error("ftpd", message); }
 
 int run_ftpd(int argc, char** argv) {
   if (ftpd_appliance::handles(argc, argv)) return ftpd_appliance::run(argc, argv);
@@ -85,10 +72,6 @@ int run_ftpd(int argc, char** argv) {
   const char* public_ip = nullptr;
   for (int i = 1; i < argc; ++i) {
     std::string arg = argv[i];
-    if (arg == "--help" || arg == "-h") {
-      std::fputs(kUsage, stdout);
-      return 0;
-    }
     if (arg != "--listen" && arg != "--root" && arg != "--user" && arg != "--public-ip")
       return usage_error(("unknown option " + arg).c_str());
     if (i + 1 >= argc) return usage_error(("missing value after " + arg).c_str());
@@ -184,7 +167,20 @@ int demo_ftp() {
 
 vektool::DemoRegistrar demo_section{{"ftp server", 90, demo_ftp}};
 
-vektool::Registrar reg_ftpd{{"ftpd", ftpd_appliance::kCommandUsage,
-                             "serve a folder over FTP", run_ftpd}};
+constexpr const char* kDetails =
+    "  --listen PORT      port to listen on (default 2121; 0 picks a free one)\n"
+    "  --root DIR         folder to serve (default: the current directory)\n"
+    "  --user N:P[:LEVEL] an account; LEVEL is read (default), write or all (repeatable)\n"
+    "  --public-ip ADDR   address announced for passive transfers\n"
+    "  --db FILE          accounts in an SQLite database instead of --user;\n"
+    "                     `--db FILE user ...` adds, changes, disables, deletes or lists them\n"
+    "                     (passwords are read from standard input, without echo on a terminal)\n"
+    "  --config FILE      the options as a JSON object\n"
+    "  --statsd H:P       publish counters, a sessions gauge and timings\n"
+    "  --syslog H:P       send logins and transfers to a syslog collector\n"
+    "Serves until SIGINT or SIGTERM; the first line printed names the port. With --user,\n"
+    "each command follows as a line: client address, user, command line, result.\n";
+
+vektool::Registrar reg_ftpd{{"ftpd", ftpd_appliance::kCommandUsage, "serve a folder over FTP", run_ftpd, kDetails}};
 
 }  // namespace

@@ -29,11 +29,11 @@
 
 namespace {
 
-constexpr const char* kUsage =
-    "usage: vekutil http get URL [-o FILE] [--resume] [-H 'Name: value']... [--proxy URL]\n"
-    "                            [--cacert FILE] [--insecure] [--timeout MS] [-v]\n"
-    "       vekutil http post|put|delete URL [--data TEXT | --upload FILE] [-H ...] [--proxy URL]\n"
-    "                            [--cacert FILE] [--insecure] [--timeout MS] [-v]\n"
+constexpr const char* kDetails =
+    "  get URL [-o FILE] [--resume] [-H 'Name: value']... [--proxy URL]\n"
+    "          [--cacert FILE] [--insecure] [--timeout MS] [-v]\n"
+    "  post|put|delete URL [--data TEXT | --upload FILE] [-H ...] [--proxy URL]\n"
+    "          [--cacert FILE] [--insecure] [--timeout MS] [-v]\n"
     "  The body goes to standard output, or with -o to FILE (--resume continues a partial FILE).\n"
     "  Servers are verified against the system CAs (--cacert FILE instead of the system's CA file;\n"
     "  --insecure: no verification). --proxy http|socks4|socks4a|socks5://[USER:PASS@]HOST:PORT.\n"
@@ -56,10 +56,7 @@ struct Options {
   int timeout = HTTP_DEFAULT_TIMEOUT;
 };
 
-int usage_error(const std::string& why) {
-  std::fprintf(stderr, "vekutil http: %s (see vekutil http --help)\n", why.c_str());
-  return 2;
-}
+int usage_error(const std::string& why) { return vektool::usage_error("http", why.c_str()); }
 
 int method_of(const std::string& word) {
   if (word == "get") return HTTP_METHOD_GET;
@@ -79,11 +76,8 @@ bool parse_proxy(const std::string& text, Options* o) {
   return true;
 }
 
-// 0 when the arguments make sense, 1 for --help, else 2 after a hint.
+// 0 when the arguments make sense, else 2 after a hint.
 int parse(int argc, char** argv, Options* o) {
-  for (int i = 1; i < argc; ++i) {
-    if (!std::strcmp(argv[i], "--help") || !std::strcmp(argv[i], "-h")) return 1;
-  }
   if (argc < 3) return usage_error("a method and a URL are required");
   o->method = method_of(argv[1]);
   if (!o->method) return usage_error(std::string("unknown method '") + argv[1] + "'");
@@ -245,9 +239,7 @@ bool keep_only_tail(const char* path, long long offset) {
 
 int run_http(int argc, char** argv) {
   Options o;
-  const int parsed = parse(argc, argv, &o);
-  if (parsed == 1) return std::fputs(kUsage, stdout), 0;
-  if (parsed != 0) return parsed;
+  if (const int bad = parse(argc, argv, &o)) return bad;
   ssl_init();
   // The CA file stands in for the system's own; the system's CA directory
   // stays in use.
@@ -377,8 +369,7 @@ int demo_http() {
   return ok ? 0 : 1;
 }
 
-vektool::Registrar reg_http{{"http", "http get|post|put|delete URL [...]", "one HTTP request (see http --help)",
-                             run_http}};
+vektool::Registrar reg_http{{"http", "http get|post|put|delete URL [OPTIONS]", "one HTTP request", run_http, kDetails}};
 vektool::DemoRegistrar demo_http_section{{"http", 75, demo_http}};
 
 }  // namespace

@@ -47,8 +47,7 @@ int run_json(int argc, char** argv) {
     } else if (!path && (argv[i][0] != '-' || !argv[i][1])) {
       path = argv[i];
     } else {
-      std::fprintf(stderr, "usage: vekutil json [--pretty] [FILE]\n");
-      return 2;
+      return vektool::usage_error("json", (std::string("unexpected '") + argv[i] + "'").c_str());
     }
   }
   const bool from_stdin = !path || !std::strcmp(path, "-");
@@ -123,7 +122,8 @@ int demo_json() {
   return ok ? 0 : 1;
 }
 
-vektool::Registrar reg_json{{"json", "json [--pretty] [FILE]", "validate a JSON document and print it", run_json}};
+vektool::Registrar reg_json{{"json", "json [--pretty] [FILE]", "validate a JSON document and print it", run_json,
+                             "Reads FILE, or standard input when FILE is - or missing.\n"}};
 vektool::DemoRegistrar demo_json_section{{"json", 40, demo_json}};
 
 }  // namespace

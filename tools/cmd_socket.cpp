@@ -36,11 +36,6 @@ struct Options {
   int timeout = 5000;
 };
 
-int usage_error(const char* command, const char* usage, const char* what) {
-  std::fprintf(stderr, "vekutil %s: %s\nusage: vekutil %s\n", command, what, usage);
-  return 2;
-}
-
 bool parse_hex(const std::string& text, std::vector<unsigned char>* out) {
   if (text.size() % 2 != 0) return false;
   out->clear();
@@ -76,31 +71,28 @@ bool parse_proxy(const std::string& url, Options* o) {
 }
 
 // Parses the common options; returns 0, or the exit code of a usage error.
-int parse_options(int argc, char** argv, const char* usage, bool allow_proxy, Options* o) {
+int parse_options(int argc, char** argv, bool allow_proxy, Options* o) {
   const char* command = argv[0];
+  using vektool::usage_error;
   for (int i = 1; i < argc; ++i) {
     const std::string arg = argv[i];
-    if (arg == "--help" || arg == "-h") {
-      std::printf("usage: vekutil %s\n", usage);
-      return -1;
-    }
     const bool has_value = i + 1 < argc;
     if (arg == "--proxy" && allow_proxy) {
       if (!has_value || !parse_proxy(argv[++i], o))
-        return usage_error(command, usage, "--proxy wants http|socks4|socks4a|socks5://[USER:PASS@]HOST:PORT");
+        return usage_error(command, "--proxy wants http|socks4|socks4a|socks5://[USER:PASS@]HOST:PORT");
     } else if (arg == "--secure") {
       if (!has_value || !parse_secure(argv[++i], o))
-        return usage_error(command, usage, "--secure wants KEYHEX:IVHEX (key of 16, 24 or 32 bytes, IV of 16)");
+        return usage_error(command, "--secure wants KEYHEX:IVHEX (key of 16, 24 or 32 bytes, IV of 16)");
     } else if (arg == "--timeout") {
       if (!has_value || (o->timeout = std::atoi(argv[++i])) <= 0)
-        return usage_error(command, usage, "--timeout wants a positive number of milliseconds");
+        return usage_error(command, "--timeout wants a positive number of milliseconds");
     } else if (arg.rfind("--", 0) == 0 || !o->addr.empty()) {
-      return usage_error(command, usage, ("unexpected argument '" + arg + "'").c_str());
+      return usage_error(command, ("unexpected argument '" + arg + "'").c_str());
     } else {
       o->addr = arg;
     }
   }
-  if (o->addr.empty()) return usage_error(command, usage, "an address is required");
+  if (o->addr.empty()) return usage_error(command, "an address is required");
   return 0;
 }
 
@@ -214,14 +206,9 @@ int morph_if_secure(void* sock, const Options& o) {
   return stcp_morph(sock, o.key.data(), o.iv.data(), static_cast<int>(o.key.size() * 8));
 }
 
-constexpr const char* kConnectUsage =
-    "connect HOST:PORT [--proxy http|socks4|socks4a|socks5://[USER:PASS@]HOST:PORT] [--secure KEYHEX:IVHEX] "
-    "[--timeout MS]";
-constexpr const char* kListenUsage = "listen [ADDR:]PORT [--secure KEYHEX:IVHEX] [--timeout MS]";
-
 int run_connect(int argc, char** argv) {
   Options o;
-  if (int rc = parse_options(argc, argv, kConnectUsage, true, &o)) return rc < 0 ? 0 : rc;
+  if (int rc = parse_options(argc, argv, true, &o)) return rc;
   o.secure = !o.key.empty();
   void* sock = nullptr;
   if (socket_create(&sock) != 0) return 1;
@@ -241,7 +228,7 @@ int run_connect(int argc, char** argv) {
 
 int run_listen(int argc, char** argv) {
   Options o;
-  if (int rc = parse_options(argc, argv, kListenUsage, false, &o)) return rc < 0 ? 0 : rc;
+  if (int rc = parse_options(argc, argv, false, &o)) return rc;
   o.secure = !o.key.empty();
   const bool port_only = o.addr.find(':') == std::string::npos;
   const std::string addr = port_only ? "0.0.0.0:" + o.addr : o.addr;
@@ -322,10 +309,15 @@ int demo_sockets() {
   return ok ? 0 : 1;
 }
 
-vektool::Registrar reg_connect{
-    {"connect", "connect HOST:PORT [--proxy URL] [--secure K:IV]", "copy stdin to a connection, it to stdout", run_connect}};
-vektool::Registrar reg_listen{
-    {"listen", "listen [ADDR:]PORT [--secure K:IV]", "accept one client, copy stdin to it, it to stdout", run_listen}};
+constexpr const char* kOptionDetails =
+    "  --proxy URL          http|socks4|socks4a|socks5://[USER:PASS@]HOST:PORT (connect only)\n"
+    "  --secure KEYHEX:IVHEX  AES-CBC secure stream; a key of 16, 24 or 32 bytes, an IV of 16\n"
+    "  --timeout MS         time-out of the connect and of the final drain (default 5000)\n";
+
+vektool::Registrar reg_connect{{"connect", "connect HOST:PORT [--proxy URL] [--secure KEYHEX:IVHEX] [--timeout MS]",
+                                "copy stdin to a connection, it to stdout", run_connect, kOptionDetails}};
+vektool::Registrar reg_listen{{"listen", "listen [ADDR:]PORT [--secure KEYHEX:IVHEX] [--timeout MS]",
+                               "accept one client, copy stdin to it, it to stdout", run_listen, kOptionDetails}};
 vektool::DemoRegistrar demo{{"sockets", 80, demo_sockets}};
 
 }  // namespace

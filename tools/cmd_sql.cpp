@@ -16,22 +16,18 @@
 
 namespace {
 
-constexpr const char* kUsage =
-    "usage: vekutil sql DB 'SQL'\n"
-    "       vekutil sql DB --export TABLE FILE [--header] [--max N] [--delim C] [--quote C]\n"
-    "       vekutil sql DB --import TABLE FILE [--header] [--delim C] [--quote C]\n"
-    "       vekutil sql DB --backup FILE\n"
-    "\n"
+constexpr const char* kDetails =
+    "  sql DB 'SQL'\n"
+    "  sql DB --export TABLE FILE [--header] [--max N] [--delim C] [--quote C]\n"
+    "  sql DB --import TABLE FILE [--header] [--delim C] [--quote C]\n"
+    "  sql DB --backup FILE\n"
     "A query prints an aligned table with a header; other statements print the\n"
     "number of rows they changed. CSV fields are separated by --delim (default\n"
     "',') and enclosed in --quote (default '\"'; --quote '' for none); C may be\n"
     "a character or \\t. Export and import of large tables show progress on a\n"
     "terminal.\n";
 
-int usage_error(const char* why) {
-  std::fprintf(stderr, "vekutil sql: %s (see vekutil sql --help)\n", why);
-  return 2;
-}
+int usage_error(const char* why) { return vektool::usage_error("sql", why); }
 
 // ------------------------------------------------------------ progress bar
 
@@ -278,10 +274,6 @@ int dispatch(void* db, int argc, char** argv) {
 }
 
 int run_sql(int argc, char** argv) {
-  if (argc >= 2 && (!std::strcmp(argv[1], "--help") || !std::strcmp(argv[1], "-h"))) {
-    std::fputs(kUsage, stdout);
-    return 0;
-  }
   if (argc < 3) return usage_error("expected DB and SQL, or DB and an option");
   void* db = nullptr;
   const int created = sqlite_create(&db);
@@ -335,7 +327,7 @@ int demo_sqlite() {
 }
 
 vektool::Registrar reg_sql{{"sql", "sql DB 'SQL' | --export | --import | --backup",
-                            "run SQL, move CSV in and out of tables, back up (see sql --help)", run_sql}};
+                            "run SQL, move CSV in and out of tables, back up", run_sql, kDetails}};
 vektool::DemoRegistrar demo_sql_section{{"sqlite", 60, demo_sqlite}};
 
 }  // namespace

@@ -25,7 +25,15 @@
 
 namespace {
 
-constexpr const char* kUsage = "usage: vekutil tls HOST:PORT [--ca FILE] [--verify] [--cert PEMFILE [--pass PHRASE]]\n";
+constexpr const char* kDetails =
+    "Connects, shakes hands and prints protocol, cipher, peer subject and the\n"
+    "verification result on standard error, then copies standard input to the\n"
+    "connection and the connection to standard output until the peer closes.\n"
+    "  --ca FILE       trust the CA certificates in FILE\n"
+    "  --verify        refuse a server whose certificate does not verify\n"
+    "                  (against the system CAs when --ca is not given)\n"
+    "  --cert PEMFILE  present this certificate chain and key (one PEM file)\n"
+    "  --pass PHRASE   pass phrase of the key in PEMFILE\n";
 
 struct TlsOptions {
   std::string address;
@@ -35,29 +43,24 @@ struct TlsOptions {
   bool verify = false;
 };
 
-// 0 when the arguments make sense, else the exit code (0 for --help).
-int parse(int argc, char** argv, TlsOptions* o, bool* help) {
+// 0 when the arguments make sense, else 2 after a hint.
+int parse(int argc, char** argv, TlsOptions* o) {
   for (int i = 1; i < argc; ++i) {
     const std::string a = argv[i];
     const bool has_value = i + 1 < argc;
-    if (a == "--help" || a == "-h") {
-      *help = true;
-      return 0;
-    } else if (a == "--verify") {
+    if (a == "--verify") {
       o->verify = true;
     } else if ((a == "--ca" || a == "--cert" || a == "--pass") && has_value) {
       (a == "--ca" ? o->ca : a == "--cert" ? o->cert : o->pass) = argv[++i];
     } else if (a[0] != '-' && o->address.empty()) {
       o->address = a;
     } else {
-      std::fprintf(stderr, "vekutil tls: unexpected '%s' (see vekutil tls --help)\n", a.c_str());
-      return 2;
+      return vektool::usage_error("tls", ("unexpected '" + a + "'").c_str());
     }
   }
-  if (o->address.empty() || o->address.find(':') == std::string::npos || (o->pass && !o->cert)) {
-    std::fprintf(stderr, "%svekutil tls: HOST:PORT is required; --pass goes with --cert\n", kUsage);
-    return 2;
-  }
+  if (o->address.empty() || o->address.find(':') == std::string::npos)
+    return vektool::usage_error("tls", "HOST:PORT is required");
+  if (o->pass && !o->cert) return vektool::usage_error("tls", "--pass goes with --cert");
   return 0;
 }
 
@@ -146,21 +149,7 @@ int copy_streams(void* sock) {
 
 int run_tls(int argc, char** argv) {
   TlsOptions o;
-  bool help = false;
-  if (const int bad = parse(argc, argv, &o, &help)) return bad;
-  if (help) {
-    std::printf("%s\n"
-                "Connects, shakes hands and prints protocol, cipher, peer subject and the\n"
-                "verification result on standard error, then copies standard input to the\n"
-                "connection and the connection to standard output until the peer closes.\n"
-                "  --ca FILE       trust the CA certificates in FILE\n"
-                "  --verify        refuse a server whose certificate does not verify\n"
-                "                  (against the system CAs when --ca is not given)\n"
-                "  --cert PEMFILE  present this certificate chain and key (one PEM file)\n"
-                "  --pass PHRASE   pass phrase of the key in PEMFILE\n",
-                kUsage);
-    return 0;
-  }
+  if (const int bad = parse(argc, argv, &o)) return bad;
   ssl_init();
   void* ctx = make_context(o);
   if (!ctx) return 1;
@@ -249,7 +238,8 @@ int demo_tls() {
   return ok ? 0 : 1;
 }
 
-vektool::Registrar tls_command{{"tls", "tls HOST:PORT [--ca FILE] [--verify] ...", "TLS client on stdin/stdout", run_tls}};
+vektool::Registrar tls_command{{"tls", "tls HOST:PORT [--ca FILE] [--verify] [--cert PEMFILE [--pass PHRASE]]",
+                                 "TLS client on stdin/stdout", run_tls, kDetails}};
 vektool::DemoRegistrar demo_section{{"tls", 65, demo_tls}};
 
 }  // namespace

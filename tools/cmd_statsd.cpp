@@ -13,21 +13,14 @@ namespace {
 
 constexpr const char* kUsage = "statsd HOST:PORT BUCKET:VALUE|g|c|ms [--rate R]";
 
-int usage_error(const char* problem) {
-  std::fprintf(stderr, "vekutil statsd: %s\nusage: vekutil %s  (see --help)\n", problem, kUsage);
-  return 2;
-}
+constexpr const char* kDetails =
+    "Sends one metric datagram to a statsd daemon:\n"
+    "  BUCKET:VALUE|g   gauge\n"
+    "  BUCKET:VALUE|c   counter (--rate R adds the sample rate, e.g. 0.1)\n"
+    "  BUCKET:VALUE|ms  timing in milliseconds\n"
+    "VALUE is a whole number. Quote the metric: '|' is special to the shell.\n";
 
-void print_help() {
-  std::printf(
-      "usage: vekutil %s\n\n"
-      "Sends one metric datagram to a statsd daemon:\n"
-      "  BUCKET:VALUE|g   gauge\n"
-      "  BUCKET:VALUE|c   counter (--rate R adds the sample rate, e.g. 0.1)\n"
-      "  BUCKET:VALUE|ms  timing in milliseconds\n"
-      "VALUE is a whole number. Quote the metric: '|' is special to the shell.\n",
-      kUsage);
-}
+int usage_error(const char* problem) { return vektool::usage_error("statsd", problem); }
 
 struct Metric {
   std::string bucket;
@@ -54,8 +47,6 @@ bool parse_metric(const char* text, Metric* metric) {
 }
 
 int run_statsd(int argc, char** argv) {
-  for (int i = 1; i < argc; ++i)
-    if (!std::strcmp(argv[i], "--help") || !std::strcmp(argv[i], "-h")) return print_help(), 0;
   const char* server = nullptr;
   const char* metric_text = nullptr;
   float rate = 0.0f;
@@ -98,6 +89,6 @@ int run_statsd(int argc, char** argv) {
   return 0;
 }
 
-vektool::Registrar reg_statsd{{"statsd", kUsage, "publish one statsd metric", run_statsd}};
+vektool::Registrar reg_statsd{{"statsd", kUsage, "publish one statsd metric", run_statsd, kDetails}};
 
 }  // namespace

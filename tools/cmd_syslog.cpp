@@ -23,16 +23,7 @@ namespace {
 constexpr const char* kSyslogdUsage = "syslogd [--listen PORT] [--out FILE]";
 constexpr const char* kSyslogUsage = "syslog HOST:PORT [--facility N] [--level N] [--hostname NAME] MESSAGE";
 
-bool is_help(int argc, char** argv) {
-  for (int i = 1; i < argc; ++i)
-    if (!std::strcmp(argv[i], "--help") || !std::strcmp(argv[i], "-h")) return true;
-  return false;
-}
-
-int usage_error(const char* usage, const char* problem) {
-  std::fprintf(stderr, "vekutil: %s\nusage: vekutil %s  (see --help)\n", problem, usage);
-  return 2;
-}
+using vektool::usage_error;
 
 // Whole decimal number within [low, high].
 bool parse_int(const char* text, int low, int high, int* value) {
@@ -58,28 +49,23 @@ void print_message(int, int level, long long timestamp, const char* hostname, co
   std::fflush(printer->out);
 }
 
-void print_syslogd_help() {
-  std::printf(
-      "usage: vekutil %s\n\n"
-      "Collects syslog datagrams on UDP port PORT (default 514; 0 picks a free one)\n"
-      "and prints one line per message: receive time, sender, level, message.\n"
-      "Runs until interrupted (SIGINT or SIGTERM).\n\n"
-      "  --listen PORT  UDP port to listen on, on every local address\n"
-      "  --out FILE     append the lines to FILE instead of standard output\n",
-      kSyslogdUsage);
-}
+constexpr const char* kSyslogdDetails =
+    "Collects syslog datagrams on UDP port PORT (default 514; 0 picks a free one)\n"
+    "and prints one line per message: receive time, sender, level, message.\n"
+    "Runs until interrupted (SIGINT or SIGTERM).\n"
+    "  --listen PORT  UDP port to listen on, on every local address\n"
+    "  --out FILE     append the lines to FILE instead of standard output\n";
 
 int run_syslogd(int argc, char** argv) {
-  if (is_help(argc, argv)) return print_syslogd_help(), 0;
   int port = 514;
   const char* out_path = nullptr;
   for (int i = 1; i < argc; ++i) {
     if (!std::strcmp(argv[i], "--listen") && i + 1 < argc) {
-      if (!parse_int(argv[++i], 0, 65535, &port)) return usage_error(kSyslogdUsage, "--listen needs a port 0-65535");
+      if (!parse_int(argv[++i], 0, 65535, &port)) return usage_error("syslogd", "--listen needs a port 0-65535");
     } else if (!std::strcmp(argv[i], "--out") && i + 1 < argc) {
       out_path = argv[++i];
     } else {
-      return usage_error(kSyslogdUsage, (std::string("unexpected argument '") + argv[i] + "'").c_str());
+      return usage_error("syslogd", (std::string("unexpected argument '") + argv[i] + "'").c_str());
     }
   }
   Printer printer{stdout};
@@ -111,18 +97,13 @@ int run_syslogd(int argc, char** argv) {
 
 // ---- syslog ------------------------------------------------------------------
 
-void print_syslog_help() {
-  std::printf(
-      "usage: vekutil %s\n\n"
-      "Sends MESSAGE as one syslog datagram, stamped with the local time.\n\n"
-      "  --facility N    0-23 (default 1, user)\n"
-      "  --level N       0-7 (default 5, notice)\n"
-      "  --hostname NAME host name put in the message (blanks become '_'); none by default\n",
-      kSyslogUsage);
-}
+constexpr const char* kSyslogDetails =
+    "Sends MESSAGE as one syslog datagram, stamped with the local time.\n"
+    "  --facility N    0-23 (default 1, user)\n"
+    "  --level N       0-7 (default 5, notice)\n"
+    "  --hostname NAME host name put in the message (blanks become '_'); none by default\n";
 
 int run_syslog(int argc, char** argv) {
-  if (is_help(argc, argv)) return print_syslog_help(), 0;
   int facility = 1, level = 5;
   const char* hostname = nullptr;
   const char* server = nullptr;
@@ -130,9 +111,9 @@ int run_syslog(int argc, char** argv) {
   for (int i = 1; i < argc; ++i) {
     const bool has_value = i + 1 < argc;
     if (!std::strcmp(argv[i], "--facility") && has_value) {
-      if (!parse_int(argv[++i], 0, 23, &facility)) return usage_error(kSyslogUsage, "--facility needs 0-23");
+      if (!parse_int(argv[++i], 0, 23, &facility)) return usage_error("syslog", "--facility needs 0-23");
     } else if (!std::strcmp(argv[i], "--level") && has_value) {
-      if (!parse_int(argv[++i], 0, 7, &level)) return usage_error(kSyslogUsage, "--level needs 0-7");
+      if (!parse_int(argv[++i], 0, 7, &level)) return usage_error("syslog", "--level needs 0-7");
     } else if (!std::strcmp(argv[i], "--hostname") && has_value) {
       hostname = argv[++i];
     } else if (!server) {
@@ -140,11 +121,11 @@ int run_syslog(int argc, char** argv) {
     } else if (!message) {
       message = argv[i];
     } else {
-      return usage_error(kSyslogUsage, "one MESSAGE only (quote it)");
+      return usage_error("syslog", "one MESSAGE only (quote it)");
     }
   }
-  if (!server || !message) return usage_error(kSyslogUsage, "HOST:PORT and MESSAGE are required");
-  if (!std::strchr(server, ':')) return usage_error(kSyslogUsage, "the server needs a port (HOST:PORT)");
+  if (!server || !message) return usage_error("syslog", "HOST:PORT and MESSAGE are required");
+  if (!std::strchr(server, ':')) return usage_error("syslog", "the server needs a port (HOST:PORT)");
   const int rc = syslog_remote_ex(server, facility, level, time_now(), hostname, message);
   if (rc != 0) {
     std::fprintf(stderr, "vekutil syslog: sending to %s failed (%d)\n", server, rc);
@@ -186,8 +167,9 @@ int demo_syslog() {
   return ok ? 0 : 1;
 }
 
-vektool::Registrar reg_syslogd{{"syslogd", kSyslogdUsage, "collect syslog datagrams and print them", run_syslogd}};
-vektool::Registrar reg_syslog{{"syslog", kSyslogUsage, "send one syslog message", run_syslog}};
+vektool::Registrar reg_syslogd{{"syslogd", kSyslogdUsage, "collect syslog datagrams and print them", run_syslogd,
+                                kSyslogdDetails}};
+vektool::Registrar reg_syslog{{"syslog", kSyslogUsage, "send one syslog message", run_syslog, kSyslogDetails}};
 vektool::DemoRegistrar demo_section{{"syslog", 70, demo_syslog}};
 
 }  // namespace

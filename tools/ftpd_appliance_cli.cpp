@@ -15,6 +15,7 @@
 
 #include <vekutil/vekutil.h>
 
+#include "command.hpp"
 #include "ftpd_appliance.hpp"
 
 namespace ftpd_appliance {
@@ -30,10 +31,7 @@ bool takes_value(const std::string& arg) {
   return false;
 }
 
-int usage_error(const std::string& message) {
-  std::fprintf(stderr, "vekutil ftpd: %s (see vekutil ftpd --help)\n", message.c_str());
-  return 2;
-}
+int usage_error(const std::string& message) { return vektool::usage_error("ftpd", message.c_str()); }
 
 int failure(const std::string& message) {
   std::fprintf(stderr, "vekutil ftpd: %s\n", message.c_str());

@@ -8,6 +8,7 @@
 #include <array>
 #include <cstdio>
 #include <cstring>
+#include <string>
 
 #include <vekutil/vekutil.h>
 
@@ -34,9 +35,9 @@ Registry& registry() {
 
 // Commands of main.cpp itself, listed before the registered ones.
 constexpr Command kBuiltins[] = {
-    {"--help", "--help", "show this text; COMMAND --help shows one command", nullptr},
-    {"version", "version", "print the library version", nullptr},
-    {"demo", "demo", "exercise the library and show its state", nullptr},
+    {"--help", "--help", "show this text; COMMAND --help shows one command", nullptr, nullptr},
+    {"version", "version", "print the library version", nullptr, nullptr},
+    {"demo", "demo", "exercise the library and show its state", nullptr, nullptr},
 };
 
 struct Example {
@@ -84,6 +85,7 @@ int print_help() {
 
 int print_command_help(const Command& c) {
   std::printf("usage: vekutil %s\n\n%s\n", c.usage, c.summary);
+  if (c.details) std::printf("\n%s", c.details);
   return 0;
 }
 
@@ -95,6 +97,19 @@ void roff_text(const char* text) {
     if (*p == '-' || *p == '\\') std::putchar('\\');
     std::putchar(*p);
   }
+}
+
+// Lines kept as they are (no filling), indented under the command.
+void print_roff_lines(const char* text) {
+  std::printf(".RS\n.nf\n");
+  for (const char* line = text; *line;) {
+    const char* end = std::strchr(line, '\n');
+    const std::string one(line, end ? end : line + std::strlen(line));
+    roff_text(one.c_str());
+    std::printf("\n");
+    line = end ? end + 1 : line + one.size();
+  }
+  std::printf(".fi\n.RE\n");
 }
 
 int print_manual() {
@@ -111,6 +126,7 @@ int print_manual() {
     std::printf("\n");
     roff_text(c.summary);
     std::printf("\n");
+    if (c.details) print_roff_lines(c.details);
   });
   std::printf(".SH EXIT STATUS\n");
   for (const auto& s : kExitStatus) std::printf(".TP\n.B %s\n%s\n", s[0], s[1]);
@@ -163,6 +179,11 @@ const Command* find_command(const char* name) {
 
 }  // namespace
 
+int usage_error(const char* command, const char* problem) {
+  std::fprintf(stderr, "vekutil %s: %s (see vekutil %s --help)\n", command, problem, command);
+  return 2;
+}
+
 void register_command(const Command& command) {
   Registry& r = registry();
   if (r.command_count < kMaxEntries) r.commands[r.command_count++] = command;
@@ -193,6 +214,8 @@ int main(int argc, char** argv) {
   // The demo shows the memory report, which needs debug-mode accounting; the
   // mode must be chosen before the first allocation.
   vekMemoryInitEx(!std::strcmp(argv[1], "demo") ? 1 : 0);
+  const bool builtin = !std::strcmp(argv[1], "version") || !std::strcmp(argv[1], "demo");
+  if (builtin && argc > 2) return usage_error(argv[1], "takes no arguments");
   if (!std::strcmp(argv[1], "version")) {
     std::printf("vekutil %s\n", vekutil_version());
     return 0;
