@@ -38,16 +38,11 @@ class FtpLoadTest : public ServerTest {
 
   // LIST and RETR over passive connections; true when both deliver.
   static bool list_and_retrieve(Control& c) {
-    int fd = connect_passive(c.cmd("PASV", 30000));
-    c.send_raw("LIST\r\n");
-    bool ok = c.line(30000).rfind("125 ", 0) == 0;
-    std::string list = read_all(fd, 30000);
-    ok = ok && c.line(30000) == "226 Transfer complete.\r\n" && list.find(" small.txt\r\n") != std::string::npos;
-    fd = connect_passive(c.cmd("PASV", 30000));
-    c.send_raw("RETR small.txt\r\n");
-    ok = ok && c.line(30000).rfind("125 ", 0) == 0;
-    ok = ok && read_all(fd, 30000) == "small file contents\n";
-    return ok && c.line(30000) == "226 [small.txt] Transfer complete.\r\n";
+    Transfer list = passive_transfer(c, "LIST", 30000);
+    Transfer retr = passive_transfer(c, "RETR small.txt", 30000);
+    return list.opened.rfind("125 ", 0) == 0 && list.done == "226 Transfer complete.\r\n" &&
+           list.data.find(" small.txt\r\n") != std::string::npos && retr.opened.rfind("125 ", 0) == 0 &&
+           retr.data == "small file contents\n" && retr.done == "226 [small.txt] Transfer complete.\r\n";
   }
 };
 

@@ -2,16 +2,13 @@
 // and Python's ftplib, every access level, refused logins, the metrics and
 // syslog messages its collectors receive, SITE STATUS as JSON, settings
 // files, and the user commands of the tool.
-#include <climits>
 #include <condition_variable>
 #include <filesystem>
 #include <functional>
-#include <thread>
 
 #include "../../tools/ftpd_appliance.cpp"
 #include "ftp_fixture.hpp"
-#include "peer.hpp"
-#include "vek_test.hpp"
+#include "raw_udp.hpp"
 
 namespace {
 
@@ -54,39 +51,25 @@ class Inbox {
   std::vector<std::string> lines_;
 };
 
-// A statsd daemon stand-in on the library's datagram socket.
+// A statsd daemon stand-in: a plain UDP socket drained by a thread.
 class StatsdCollector {
  public:
-  bool start() {
-    port_ = vektest::free_udp_port();
-    if (udp_create(&udp_) != 0) return false;
-    if (udp_bind(udp_, ("127.0.0.1:" + std::to_string(port_)).c_str()) != 0) return false;
-    thread_ = std::thread([this] { receive(); });
-    return true;
+  void start() {
+    thread_ = std::thread([this] {
+      while (!done_)
+        if (auto datagram = udp_.receive(100)) inbox.add(*datagram);
+    });
   }
   void stop() {
     done_ = true;
     if (thread_.joinable()) thread_.join();
-    if (udp_) udp_delete(udp_);
-    udp_ = nullptr;
   }
   ~StatsdCollector() { stop(); }
-  std::string address() const { return "127.0.0.1:" + std::to_string(port_); }
+  std::string address() const { return udp_.address(); }
   Inbox inbox;
 
  private:
-  void receive() {
-    std::vector<char> buffer(2048);
-    while (!done_) {
-      int length = static_cast<int>(buffer.size()) - 1;
-      char* from = nullptr;
-      int n = udp_recv2(udp_, buffer.data(), &length, &from, 100);
-      if (from) _vekFree(from, __FILE__, __LINE__);
-      if (n > 0) inbox.add(std::string(buffer.data(), static_cast<size_t>(n)));
-    }
-  }
-  void* udp_ = nullptr;
-  int port_ = 0;
+  vektest::RawUdp udp_;
   std::atomic<bool> done_{false};
   std::thread thread_;
 };
@@ -189,7 +172,7 @@ class ApplianceTest : public vektest::LeakCheckedTest {
   }
 
   void start_with_collectors() {
-    ASSERT_TRUE(statsd_.start());
+    statsd_.start();
     ASSERT_EQ(0, syslog_collector_create(&syslog_, 0, on_syslog, &events_));
     settings_.statsd = statsd_.address();
     settings_.syslog = "127.0.0.1:" + std::to_string(syslog_collector_port(syslog_));
@@ -434,15 +417,11 @@ TEST_F(ApplianceTest, RefusedStartsLeaveNothingRunning) {
   EXPECT_EQ(0u, control.greeting().rfind("220 ", 0));
   appliance_.stop();
   // A port some other listener holds refuses the next start.
-  int holder = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in any{};
-  any.sin_family = AF_INET;
-  socklen_t size = sizeof any;
-  ASSERT_EQ(0, bind(holder, reinterpret_cast<sockaddr*>(&any), sizeof any));
-  ASSERT_EQ(0, listen(holder, 1));
-  ASSERT_EQ(0, getsockname(holder, reinterpret_cast<sockaddr*>(&any), &size));
+  int held_port = 0;
+  int holder = ftptest::listen_loopback(&held_port);
+  ASSERT_GE(holder, 0);
   Settings taken = settings_;
-  taken.port = ntohs(any.sin_port);
+  taken.port = held_port;
   std::string error;
   EXPECT_FALSE(second.start(taken, &error));
   EXPECT_NE(std::string::npos, error.find("cannot listen on port")) << error;
@@ -598,15 +577,8 @@ TEST_F(AccountsTest, SettingsFiles) {
 
 // ---- the tool's command line ---------------------------------------------------
 
-std::string tool_path() {
-  char self[PATH_MAX] = {};
-  if (readlink("/proc/self/exe", self, sizeof self - 1) <= 0) return "";
-  const std::filesystem::path p = std::filesystem::path(self).parent_path().parent_path() / "tools" / "vekutil";
-  return std::filesystem::exists(p) ? p.string() : "";
-}
-
 TEST(ApplianceToolTest, UserCommandsConfigErrorsAndAServerThatStopsOnSignal) {
-  const std::string tool = tool_path();
+  const std::string tool = vektest::tool_path();
   if (tool.empty()) GTEST_SKIP() << "the vekutil tool is not built here";
   vektest::TempDir dir;
   const std::string db = dir.file("t.db");
@@ -643,33 +615,52 @@ TEST(ApplianceToolTest, UserCommandsConfigErrorsAndAServerThatStopsOnSignal) {
     EXPECT_NE(std::string::npos, out.find(c.output)) << out;
   }
 
-  // A settings file names its server; the server serves ann until SIGTERM.
-  const int port = vektest::free_tcp_port();
+  // A server from a settings file (ann from the database, level all) and one
+  // from options (ann as a reader): each serves ann until SIGTERM and logs
+  // one line per command.
   std::filesystem::create_directories(dir.file("root"));
-  vektest::write_file(dir.file("ftpd.json"), "{\"listen\": " + std::to_string(port) + ", \"root\": \"" +
+  const int config_port = vektest::free_tcp_port();
+  vektest::write_file(dir.file("ftpd.json"), "{\"listen\": " + std::to_string(config_port) + ", \"root\": \"" +
                                                  dir.file("root") + "\", \"db\": \"" + db + "\"}");
-  vektest::PeerProcess server;
-  ASSERT_TRUE(server.start({tool, "ftpd", "--config", dir.file("ftpd.json")}, dir.file("server.log")));
-  ASSERT_TRUE(server.wait_tcp_port(port)) << vektest::read_file(dir.file("server.log"));
-  {
-    ftptest::Control control(port);
-    control.cmd("USER ann");
-    EXPECT_EQ(0u, control.cmd("PASS pw1").rfind("230 ", 0));
-    control.cmd("QUIT");
+  struct Server {
+    std::vector<std::string> args;
+    const char* mkd;
+  };
+  const int options_port = vektest::free_tcp_port();
+  const Server servers[] = {
+      {{"--config", dir.file("ftpd.json")}, "257 mkd command successful.\r\n"},
+      {{"--listen", std::to_string(options_port), "--root", dir.file("root"), "--user", "ann:pw1:read"},
+       "550 Requested action not taken.\r\n"},
+  };
+  for (const Server& s : servers) {
+    SCOPED_TRACE(s.args[0]);
+    std::vector<std::string> argv = {tool, "ftpd"};
+    argv.insert(argv.end(), s.args.begin(), s.args.end());
+    const int port = s.args[0] == "--config" ? config_port : options_port;
+    const std::string log = dir.file("server" + std::to_string(port) + ".log");
+    vektest::PeerProcess server;
+    ASSERT_TRUE(server.start(argv, log));
+    ASSERT_TRUE(server.wait_tcp_port(port)) << vektest::read_file(log);
+    {
+      ftptest::Control control(port);
+      control.cmd("USER ann");
+      EXPECT_EQ("230 User logged in.\r\n", control.cmd("PASS pw1"));
+      EXPECT_EQ("257 \"/\" is current directory.\r\n", control.cmd("PWD"));
+      EXPECT_EQ(s.mkd, control.cmd("MKD x"));
+      control.cmd("QUIT");
+    }
+    kill(server.pid(), SIGTERM);
+    int status = 0;
+    ASSERT_TRUE(server.wait_exit(10000, &status));
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    const std::string out = vektest::read_file(log);
+    for (const char* line : {" ann \"PASS ****\" 0\n", " ann \"PWD\" 0\n", " ann \"MKD x\" 0\n", "stopped on signal 15\n"})
+      EXPECT_NE(std::string::npos, out.find(line)) << out;
   }
-  kill(server.pid(), SIGTERM);
-  int status = 0;
-  ASSERT_TRUE(server.wait_exit(10000, &status));
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
-  const std::string log = vektest::read_file(dir.file("server.log"));
-  EXPECT_NE(std::string::npos, log.find("ann \"PASS ****\" 0")) << log;
-  EXPECT_NE(std::string::npos, log.find("stopped on signal 15")) << log;
 
   // A broken settings file keeps the server from starting.
   vektest::write_file(dir.file("bad.json"), "{\"listen\": 0,\n \"db\": }");
-  std::string out;
-  int bad = vektest::run_program({tool, "ftpd", "--config", dir.file("bad.json")}, &out, "", 10000);
-  EXPECT_EQ(1, bad);
+  EXPECT_EQ(1, vektest::run_program({tool, "ftpd", "--config", dir.file("bad.json")}, nullptr, "", 10000));
 }
 
 }  // namespace
