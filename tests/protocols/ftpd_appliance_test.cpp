@@ -250,15 +250,30 @@ TEST_F(ApplianceTest, FtplibSeesEachAccessLevelAndOneAnswerForEveryRefusedLogin)
   EXPECT_FALSE(std::filesystem::exists(settings_.root + "/up-reader.txt"));
 }
 
-TEST_F(ApplianceTest, CurlDownloadsAndUploadsWithDatabaseAccounts) {
+TEST_F(ApplianceTest, CurlListsDownloadsAndUploadsWithDatabaseAccounts) {
   if (!vektest::have_program("curl")) GTEST_SKIP() << "no curl";
+  std::string data(1 << 20, '\0');
+  for (size_t i = 0; i < data.size(); ++i) data[i] = static_cast<char>((i * 2654435761u) >> 13);
+  vektest::write_file(settings_.root + "/data.bin", data);
+  std::filesystem::create_directories(settings_.root + "/sub");
   start();
   std::string out;
-  ASSERT_EQ(0, curl("reader:reader-pw", {"--ignore-content-length", url("hello.txt")}, &out)) << out;
-  EXPECT_EQ("hello\n", out);
-  vektest::write_file(dir_.file("local.txt"), "from curl\n");
-  ASSERT_EQ(0, curl("writer:writer-pw", {"-T", dir_.file("local.txt"), url("put.txt")}, &out)) << out;
-  EXPECT_EQ("from curl\n", vektest::read_file(settings_.root + "/put.txt"));
+  ASSERT_EQ(0, curl("reader:reader-pw", {url()}, &out)) << out;
+  EXPECT_NE(std::string::npos, out.find(" 1048576 ")) << out;
+  EXPECT_NE(std::string::npos, out.find("drwxrwxrwx 1 zu zu                0 ")) << out;
+  for (const std::vector<std::string>& mode : {std::vector<std::string>{}, {"--ftp-port", "127.0.0.1"}}) {
+    SCOPED_TRACE(mode.empty() ? "passive" : "active");
+    // SIZE is refused with a 550, which curl takes for a missing file unless told not to ask.
+    std::vector<std::string> get = mode, put = mode;
+    get.insert(get.end(), {"--ignore-content-length", url("data.bin")});
+    std::string body;
+    ASSERT_EQ(0, curl("reader:reader-pw", get, &body));
+    EXPECT_TRUE(body == data) << "download differs";
+    put.insert(put.end(), {"-T", settings_.root + "/data.bin", url("put.bin")});
+    ASSERT_EQ(0, curl("writer:writer-pw", put, &out)) << out;
+    EXPECT_TRUE(vektest::read_file(settings_.root + "/put.bin") == data) << "upload differs";
+    std::filesystem::remove(settings_.root + "/put.bin");
+  }
   // curl's "login denied" for a wrong password, a disabled and an unknown user.
   for (const char* user : {"reader:nope", "gone:gone-pw", "nobody:x"}) {
     SCOPED_TRACE(user);
