@@ -3,17 +3,11 @@
 // against a real server and syslog sends. Each gives a failure result, never
 // crashes, and once everything is stopped and deleted nothing is left behind.
 #include <atomic>
-#include <chrono>
 #include <memory>
-#include <string>
-#include <thread>
-
-#include <vekutil/vekutil.h>
 
 #include "alloc_failure.hpp"
 #include "ftp_fixture.hpp"
 #include "http_peers.hpp"
-#include "vek_test.hpp"
 
 namespace {
 
@@ -73,9 +67,9 @@ class FtpAllocFailureTest : public ProtocolAllocFailureTest {
       if (start) settle(*start);
       return false;
     }
-    std::string address = "127.0.0.1:" + std::to_string(static_cast<_FTP_SERVER_OBJECT*>(server)->port);
     const int port = static_cast<_FTP_SERVER_OBJECT*>(server)->port;
-    bool ok = client_session(address) && listing(port) && tree_commands(port);
+    const std::string address = "127.0.0.1:" + std::to_string(port);
+    bool ok = client_session(address) && raw_commands(port);
     ftp_server_stop(server);
     if (start) settle(*start);
     std::remove(download_.c_str());
@@ -103,30 +97,15 @@ class FtpAllocFailureTest : public ProtocolAllocFailureTest {
     return ok;
   }
 
-  // A directory listing over a raw control connection (the client has no
-  // LIST): true when it arrives complete with its 125 and 226 replies.
-  bool listing(int port) {
-    ftptest::Control control(port);
-    if (!control.ok() || control.greeting() != "220 FTP server ready\r\n" || !control.login("reader")) return false;
-    int data = ftptest::connect_passive(control.cmd("PASV", kReplyWait));
-    if (data < 0) return false;
-    bool ok = control.cmd("LIST", kReplyWait).rfind("125", 0) == 0;
-    std::string text;
-    char buf[4096];
-    for (ssize_t n; ok && (n = recv(data, buf, sizeof buf, 0)) > 0;) text.append(buf, static_cast<size_t>(n));
-    close(data);
-    ok = ok && control.line(kReplyWait).rfind("226", 0) == 0;
-    if (ok) {
-      EXPECT_NE(std::string::npos, text.find("keep.txt")) << text;
-    }
-    return ok;
-  }
-
-  // Directory and name commands over a raw control connection: true when
-  // every reply is a positive one (2xx, or 3xx for RNFR).
-  bool tree_commands(int port) {
+  // A listing, then directory and name commands, over a raw control
+  // connection (the client has neither): true when every reply is a positive
+  // one (1xx/2xx, 3xx for RNFR) and the listing arrived.
+  bool raw_commands(int port) {
     ftptest::Control control(port);
     if (!control.ok() || control.greeting() != "220 FTP server ready\r\n" || !control.login("admin")) return false;
+    ftptest::Transfer list = ftptest::passive_transfer(control, "LIST", kReplyWait);
+    if (list.opened.rfind("125", 0) != 0 || list.done.rfind("226", 0) != 0) return false;
+    EXPECT_NE(std::string::npos, list.data.find("keep.txt")) << list.data;
     for (const char* command : {"MKD made", "CWD made", "PWD", "CDUP", "RNFR made", "RNTO renamed", "CWD /renamed",
                                 "CWD ..", "RMD renamed", "TYPE A", "NOOP"}) {
       std::string reply = control.cmd(command, kReplyWait);
