@@ -1,7 +1,6 @@
-// FTP client against real servers on loopback - vsftpd and pyftpdlib from
-// Debian, started with generated configurations - in passive and active
-// mode: files of edge sizes and 100 MB checked by hash, refusals, a refused
-// login, replies the client cannot use, and a server that dies mid-transfer.
+// FTP client against vsftpd, pyftpdlib and the library's own server, passive
+// and active: files of edge sizes up to 100 MB, refusals, replies the client
+// cannot use, and a server that dies mid-transfer.
 #include <signal.h>
 #include <unistd.h>
 
@@ -16,8 +15,6 @@
 #include "vek_test.hpp"
 
 namespace {
-
-// ---- files -----------------------------------------------------------------
 
 void write_pattern(const std::string& path, long long size, uint32_t seed) {
   std::ofstream out(path, std::ios::binary | std::ios::trunc);
@@ -34,18 +31,10 @@ void write_pattern(const std::string& path, long long size, uint32_t seed) {
   }
 }
 
-// FNV-1a over the whole file; a missing file hashes as "missing".
-std::string file_hash(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in) return "missing";
-  uint64_t h = 1469598103934665603ULL;
-  std::vector<char> chunk(1 << 20);
-  long long size = 0;
-  while (in.read(chunk.data(), static_cast<std::streamsize>(chunk.size())) || in.gcount() > 0) {
-    for (std::streamsize i = 0; i < in.gcount(); ++i) h = (h ^ static_cast<unsigned char>(chunk[i])) * 1099511628211ULL;
-    size += in.gcount();
-  }
-  return std::to_string(size) + ":" + std::to_string(h);
+// True when both files exist with the same bytes.
+bool same_file(const std::string& a, const std::string& b) {
+  std::ifstream x(a, std::ios::binary), y(b, std::ios::binary);
+  return x && y && std::equal(std::istreambuf_iterator<char>(x), {}, std::istreambuf_iterator<char>(y), {});
 }
 
 bool exists(const std::string& path) { return std::filesystem::exists(path); }
@@ -214,9 +203,9 @@ TEST_P(FtpClientTest, FilesOfEdgeSizesRoundTripUnchanged) {
     const std::string original = local_.file("up-" + name), fetched = local_.file("down-" + name);
     write_pattern(original, size, seed++);
     ASSERT_EQ(0, ftp_put(client_, original.c_str(), name.c_str()));
-    EXPECT_EQ(file_hash(original), file_hash(remote_.file(name))) << "uploaded copy differs";
+    EXPECT_TRUE(same_file(original, remote_.file(name))) << "uploaded copy differs";
     ASSERT_EQ(0, ftp_get(client_, name.c_str(), fetched.c_str()));
-    EXPECT_EQ(file_hash(original), file_hash(fetched)) << "downloaded copy differs";
+    EXPECT_TRUE(same_file(original, fetched)) << "downloaded copy differs";
     ASSERT_EQ(0, ftp_del(client_, name.c_str()));
     EXPECT_FALSE(exists(remote_.file(name)));
     unlink(original.c_str());
@@ -442,8 +431,8 @@ TEST(FtpToolTest, GetPutDelThroughTheTool) {
     argv.insert(argv.end(), c.args.begin(), c.args.end());
     EXPECT_EQ(c.exit_code, vektest::run_program(argv)) << testing::PrintToString(c.args);
   }
-  EXPECT_EQ(file_hash(local.file("payload.bin")), file_hash(local.file("copy.bin")));
-  EXPECT_EQ(file_hash(local.file("payload.bin")), file_hash(local.file("copy2.bin")));
+  EXPECT_TRUE(same_file(local.file("payload.bin"), local.file("copy.bin")));
+  EXPECT_TRUE(same_file(local.file("payload.bin"), local.file("copy2.bin")));
   EXPECT_FALSE(exists(root.file("payload.bin")));
 }
 
