@@ -1,7 +1,6 @@
 // FTP server over a raw control connection: exact replies of every built-in
-// command per access level, the session rules (line limits, failed logins,
-// pipelining), callbacks and the command table, data connections with their
-// formats and results, and stopping with live sessions.
+// command per access level, session rules, callbacks, the command table,
+// data connections with their formats and results, stopping live sessions.
 // ctest-labels: tsan
 #include <fcntl.h>
 #include <sys/time.h>
@@ -287,15 +286,11 @@ TEST_F(FtpServerTest, ListingFormatsDatesAndLargeSizes) {
   std::string done;
   std::string list = retrieve(c, "LIST", &done);
   EXPECT_EQ("226 Transfer complete.\r\n", done);
-  EXPECT_TRUE(std::regex_search(
-      list, std::regex("-rw-rw-rw- 1 zu zu       5368709120 [A-Z][a-z]{2} [ 0-9]{2} \\d\\d:\\d\\d big.bin\r\n")))
-      << list;
-  EXPECT_TRUE(std::regex_search(
-      list, std::regex("-rw-rw-rw- 1 zu zu                3 [A-Z][a-z]{2} [ 0-9]{2} \\d{4} old.txt\r\n")))
-      << list;
-  EXPECT_TRUE(std::regex_search(
-      list, std::regex("drwxrwxrwx 1 zu zu                0 [A-Z][a-z]{2} [ 0-9]{2} \\d\\d:\\d\\d sub\r\n")))
-      << list;
+  // Recent entries show the time, older ones the year.
+  for (const char* line : {"-rw-rw-rw- 1 zu zu       5368709120 [A-Z][a-z]{2} [ 0-9]{2} \\d\\d:\\d\\d big.bin\r\n",
+                           "-rw-rw-rw- 1 zu zu                3 [A-Z][a-z]{2} [ 0-9]{2} \\d{4} old.txt\r\n",
+                           "drwxrwxrwx 1 zu zu                0 [A-Z][a-z]{2} [ 0-9]{2} \\d\\d:\\d\\d sub\r\n"})
+    EXPECT_TRUE(std::regex_search(list, std::regex(line))) << line << "\n" << list;
   EXPECT_EQ(4, std::count(list.begin(), list.end(), '\n'));
   // A file argument filters; a directory argument lists it, each name looked
   // up in the current directory (inner.txt is not there, so it is skipped).
