@@ -85,9 +85,11 @@ void on_syslog(int, int level, long long, const char*, const char* message, void
   static_cast<Inbox*>(custom)->add("<" + std::to_string(level) + ">" + message);
 }
 
-// A whole session of an all-level account, for the metrics and events.
-constexpr const char* kSessionScript = R"PY(
-import ftplib, io, sys
+// One whole session of an all-level account, with a failed login first and
+// SITE STATUS last (printed); then eight sessions at once, each uploading and
+// downloading its own file (the errors printed).
+constexpr const char* kSessionsScript = R"PY(
+import ftplib, io, sys, threading
 port = int(sys.argv[1])
 bad = ftplib.FTP()
 bad.connect('127.0.0.1', port, timeout=20)
@@ -103,9 +105,26 @@ f.storbinary('STOR up.txt', io.BytesIO(b'uploaded'))
 f.retrbinary('RETR up.txt', lambda b: None)
 f.rename('up.txt', 'moved.txt')
 f.delete('moved.txt')
-reply = f.sendcmd('SITE STATUS')
+print(f.sendcmd('SITE STATUS'))
 f.quit()
-print(reply)
+errors = []
+def session(i):
+    try:
+        f = ftplib.FTP()
+        f.connect('127.0.0.1', port, timeout=30)
+        f.login('admin', 'admin-pw')
+        f.storbinary('STOR p%d.bin' % i, io.BytesIO(bytes([i]) * (100000 + i)))
+        got = []
+        f.retrbinary('RETR p%d.bin' % i, got.append)
+        if b''.join(got) != bytes([i]) * (100000 + i):
+            errors.append('content %d' % i)
+        f.quit()
+    except Exception as e:
+        errors.append(repr(e))
+threads = [threading.Thread(target=session, args=(i,)) for i in range(8)]
+for t in threads: t.start()
+for t in threads: t.join()
+print('errors:', errors)
 )PY";
 
 class ApplianceTest : public vektest::LeakCheckedTest {
@@ -258,23 +277,37 @@ TEST_F(ApplianceTest, CurlListsDownloadsAndUploadsWithDatabaseAccounts) {
     EXPECT_EQ(row.name == "reader" || row.name == "writer", row.last_login > 0) << row.name;
 }
 
-TEST_F(ApplianceTest, MetricsEventsAndStatusOfOneSession) {
+// Every login, command and transfer is counted and reported once, with its
+// own session's address and user, also when sessions run at once.
+TEST_F(ApplianceTest, MetricsEventsAndStatusOfOneSessionThenEightAtOnce) {
   start_with_collectors();
   std::string out;
-  ASSERT_EQ(0, ftptest::run_python(kSessionScript, {std::to_string(port_)}, &out)) << out;
+  ASSERT_EQ(0, ftptest::run_python(kSessionsScript, {std::to_string(port_)}, &out)) << out;
+  const size_t errors = out.rfind("errors: ");
+  ASSERT_NE(std::string::npos, errors) << out;
+  EXPECT_EQ("errors: []\n", out.substr(errors));
 
-  for (const char* metric : {"ftp.login.failed:1|c", "ftp.login.ok:1|c", "ftp.cmd.STOR.ok:1|c", "ftp.cmd.RETR.ok:1|c",
-                             "ftp.cmd.RNTO.ok:1|c", "ftp.cmd.DELE.ok:1|c", "ftp.cmd.SITE.ok:1|c"})
+  for (const char* metric : {"ftp.login.failed:1|c", "ftp.cmd.RETR.ok:1|c", "ftp.cmd.RNTO.ok:1|c",
+                             "ftp.cmd.DELE.ok:1|c", "ftp.cmd.SITE.ok:1|c", "ftp.sessions:1|g"})
     EXPECT_TRUE(statsd_.inbox.wait_for({metric})) << metric << "\n" << statsd_.inbox.dump();
   EXPECT_TRUE(statsd_.inbox.wait_for({"ftp.transfer.STOR:", "|ms"})) << statsd_.inbox.dump();
   EXPECT_TRUE(statsd_.inbox.wait_for({"ftp.transfer.RETR:", "|ms"})) << statsd_.inbox.dump();
-  EXPECT_TRUE(statsd_.inbox.wait_for({"ftp.sessions:1|g"})) << statsd_.inbox.dump();
+  // The last metric of each session may still be on its way.
+  for (int round = 0; round < 200 && statsd_.inbox.count("ftp.transfer.RETR:") < 9; ++round)
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  for (const char* metric : {"ftp.login.ok:1|c", "ftp.cmd.STOR.ok:1|c", "ftp.transfer.STOR:", "ftp.transfer.RETR:"})
+    EXPECT_EQ(9u, statsd_.inbox.count(metric)) << metric;
 
-  const std::vector<std::string> events = {
+  std::vector<std::string> events = {
       "<4>ftpd: failed login user admin from 127.0.0.1:", "<6>ftpd: login user admin from 127.0.0.1:",
       "<6>ftpd: upload /up.txt user admin from 127.0.0.1:", "<6>ftpd: download /up.txt user admin from 127.0.0.1:",
       "<6>ftpd: rename /up.txt to /moved.txt user admin from 127.0.0.1:",
       "<6>ftpd: delete /moved.txt user admin from 127.0.0.1:"};
+  for (int i = 0; i < 8; ++i) {
+    const std::string name = "/p" + std::to_string(i) + ".bin user admin from 127.0.0.1:";
+    events.push_back("<6>ftpd: upload " + name);
+    events.push_back("<6>ftpd: download " + name);
+  }
   for (const std::string& event : events) EXPECT_TRUE(events_.wait_for({event})) << event << "\n" << events_.dump();
 
   // SITE STATUS: 211 first and last, one JSON document between them.
@@ -295,48 +328,6 @@ TEST_F(ApplianceTest, MetricsEventsAndStatusOfOneSession) {
   ASSERT_NE(nullptr, blocks) << out;
   EXPECT_GT(*blocks, 0);
   json_Delete(status);
-}
-
-// Eight clients at once: every login, upload and download is counted and
-// reported once, with its own session's address and user.
-constexpr const char* kParallelScript = R"PY(
-import ftplib, io, sys, threading
-port = int(sys.argv[1])
-errors = []
-def session(i):
-    try:
-        f = ftplib.FTP()
-        f.connect('127.0.0.1', port, timeout=30)
-        f.login('admin', 'admin-pw')
-        f.storbinary('STOR p%d.bin' % i, io.BytesIO(bytes([i]) * (100000 + i)))
-        got = []
-        f.retrbinary('RETR p%d.bin' % i, got.append)
-        if b''.join(got) != bytes([i]) * (100000 + i):
-            errors.append('content %d' % i)
-        f.quit()
-    except Exception as e:
-        errors.append(repr(e))
-threads = [threading.Thread(target=session, args=(i,)) for i in range(8)]
-for t in threads: t.start()
-for t in threads: t.join()
-print('errors:', errors)
-)PY";
-
-TEST_F(ApplianceTest, ParallelSessionsAreEachCountedAndReportedOnce) {
-  start_with_collectors();
-  std::string out;
-  ASSERT_EQ(0, ftptest::run_python(kParallelScript, {std::to_string(port_)}, &out)) << out;
-  EXPECT_EQ("errors: []\n", out);
-  for (int i = 0; i < 8; ++i) {
-    const std::string name = "/p" + std::to_string(i) + ".bin user admin from 127.0.0.1:";
-    EXPECT_TRUE(events_.wait_for({"<6>ftpd: upload " + name})) << events_.dump();
-    EXPECT_TRUE(events_.wait_for({"<6>ftpd: download " + name})) << events_.dump();
-  }
-  // The last metric of each session may still be on its way.
-  for (int round = 0; round < 200 && statsd_.inbox.count("ftp.transfer.RETR:") < 8; ++round)
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
-  for (const char* metric : {"ftp.login.ok:1|c", "ftp.cmd.STOR.ok:1|c", "ftp.transfer.STOR:", "ftp.transfer.RETR:"})
-    EXPECT_EQ(8u, statsd_.inbox.count(metric)) << metric;
 }
 
 TEST_F(ApplianceTest, RefusedStartsLeaveNothingRunning) {
