@@ -52,8 +52,7 @@ int own_server_accounts(const char* user, const char* password, const char*) {
   return std::string(user) == "tester" && std::string(password) == "secret" ? FTP_ACCESS_ALL : FTP_ACCESS_NONE;
 }
 
-// pyftpdlib with a user, and optional misbehaviour for the cases no sane
-// configuration of a server produces.
+// pyftpdlib with a user, and misbehaviour no sane server configuration produces.
 constexpr const char* kPyftpdlibScript = R"(
 import sys
 from pyftpdlib.authorizers import DummyAuthorizer
@@ -87,8 +86,7 @@ class FtpServer {
  public:
   ~FtpServer() { stop(); }
 
-  // Starts the server on a free loopback port, serving root. Empty when it
-  // runs; otherwise why not.
+  // Starts the server on a free loopback port, serving root: "" or why it did not start.
   std::string start(Server kind, const std::string& root, const std::string& quirk = "") {
     kind_ = kind;
     port_ = vektest::free_tcp_port();
@@ -155,8 +153,6 @@ class FtpServer {
   int port_ = 0;
 };
 
-// ---- fixture: one server per test, a logged-in client ----------------------
-
 struct Setup {
   Server server;
   bool active;
@@ -166,7 +162,28 @@ std::string setup_name(const testing::TestParamInfo<Setup>& info) {
   return std::string(server_name(info.param.server)) + (info.param.active ? "_active" : "_passive");
 }
 
-class FtpClientTest : public vektest::LeakCheckedTest, public testing::WithParamInterface<Setup> {
+// A server on remote_ and the client; both are ended after each test.
+class FtpPeerTest : public vektest::LeakCheckedTest {
+ protected:
+  void disconnect() {
+    if (client_) {
+      EXPECT_EQ(0, ftp_disconnect(client_));
+    }
+    client_ = nullptr;
+    server_.stop();
+  }
+  void TearDown() override {
+    disconnect();
+    LeakCheckedTest::TearDown();
+  }
+
+  vektest::TempDir remote_;  // the server's root
+  vektest::TempDir local_;
+  FtpServer server_;
+  void* client_ = nullptr;
+};
+
+class FtpClientTest : public FtpPeerTest, public testing::WithParamInterface<Setup> {
  protected:
   void SetUp() override {
     LeakCheckedTest::SetUp();
@@ -174,24 +191,12 @@ class FtpClientTest : public vektest::LeakCheckedTest, public testing::WithParam
     if (!problem.empty()) GTEST_SKIP() << problem;
     ASSERT_EQ(0, connect_and_login(&client_));
   }
-  void TearDown() override {
-    if (client_) {
-      EXPECT_EQ(0, ftp_disconnect(client_));
-    }
-    server_.stop();
-    LeakCheckedTest::TearDown();
-  }
 
   int connect_and_login(void** client) {
     int rc = ftp_connect2(client, server_.address().c_str(), GetParam().active ? 1 : 0);
     if (rc == 0) rc = ftp_login(*client, server_.user().c_str(), server_.password().c_str());
     return rc;
   }
-
-  vektest::TempDir remote_;  // the server's root
-  vektest::TempDir local_;
-  FtpServer server_;
-  void* client_ = nullptr;
 };
 
 TEST_P(FtpClientTest, FilesOfEdgeSizesRoundTripUnchanged) {
@@ -267,7 +272,7 @@ INSTANTIATE_TEST_SUITE_P(Peers, FtpClientTest,
 
 // ---- servers that misbehave ------------------------------------------------
 
-class FtpOddServerTest : public vektest::LeakCheckedTest {
+class FtpOddServerTest : public FtpPeerTest {
  protected:
   // pyftpdlib with a quirk, a client connected; false (test skipped) when it cannot run.
   bool start(const std::string& quirk) {
@@ -278,21 +283,6 @@ class FtpOddServerTest : public vektest::LeakCheckedTest {
     }
     return ftp_connect(&client_, server_.address().c_str()) == 0;
   }
-  void disconnect() {
-    if (client_) {
-      EXPECT_EQ(0, ftp_disconnect(client_));
-    }
-    client_ = nullptr;
-    server_.stop();
-  }
-  void TearDown() override {
-    disconnect();
-    LeakCheckedTest::TearDown();
-  }
-
-  vektest::TempDir remote_, local_;
-  FtpServer server_;
-  void* client_ = nullptr;
   std::string skipped_;
 };
 
@@ -347,8 +337,6 @@ TEST_F(FtpOddServerTest, ServerDyingMidTransferKeepsThePartialFile) {
   EXPECT_GE(std::filesystem::file_size(local), 256u << 10);
   EXPECT_LT(std::filesystem::file_size(local), static_cast<uintmax_t>(size));
 }
-
-// ---- arguments -------------------------------------------------------------
 
 class FtpArgumentsTest : public vektest::LeakCheckedTest {};
 

@@ -29,8 +29,7 @@ class ProtocolAllocFailureTest : public vektest::AllocFailureFixture {
   }
 };
 
-// ---- FTP: start a server, a refused login, log in, upload, download,
-// delete, a listing, directory and rename commands, stop.
+// ---- FTP: a server, a refused login, transfers, a listing, directory commands.
 
 class FtpAllocFailureTest : public ProtocolAllocFailureTest {
  protected:
@@ -56,8 +55,7 @@ class FtpAllocFailureTest : public ProtocolAllocFailureTest {
     ProtocolAllocFailureTest::TearDown();
   }
 
-  // Returns true when every step of the session succeeded; then waits for
-  // the blocks to come back to *start (when given).
+  // True when every step succeeded; then waits for the blocks to come back to *start (when given).
   bool session(const vektest::BlockCensus* start) {
     void* server = nullptr;
     int rc = ftp_server_start(&server, 0, root_.c_str(), ftptest::accounts, nullptr, nullptr);
@@ -119,18 +117,14 @@ class FtpAllocFailureTest : public ProtocolAllocFailureTest {
   std::string root_, upload_, download_;
 };
 
-// A session makes about a hundred allocations on both sides; each run takes
-// a few milliseconds.
 TEST_F(FtpAllocFailureTest, WholeSession) {
   vektest::BlockCensus start = vektest::take_block_census();
   int runs = for_each_allocation_failure([&] { return session(&start); }, 20000);
   EXPECT_GT(runs, 50);
 }
 
-// Stopping a server while a client is still logged in: every session must
-// be found and shut down, whichever allocation failed while it was set up.
-// A stop that does not return within seconds is reported (and released by
-// closing the client).
+// Stopping a server with a client logged in ends every session, whichever allocation failed while
+// it was set up; a stop that hangs is reported (and released by closing the client).
 TEST_F(FtpAllocFailureTest, StopWithClientConnected) {
   vektest::BlockCensus start = vektest::take_block_census();
   for_each_allocation_failure([&] {
@@ -156,8 +150,7 @@ TEST_F(FtpAllocFailureTest, StopWithClientConnected) {
   });
 }
 
-// ---- HTTP: GET with a length, a chunked GET and a POST against Python's
-// http.server.
+// ---- HTTP: GET with a length, a chunked GET and a POST against Python's http.server.
 
 TEST_F(ProtocolAllocFailureTest, HttpExchanges) {
   vektest::TempDir dir;
@@ -204,8 +197,7 @@ TEST_F(ProtocolAllocFailureTest, HttpExchanges) {
   }
 }
 
-// ---- syslog: sends to a collector, which itself is created and deleted
-// with its allocations failing in turn.
+// ---- syslog: sends, and a collector created and deleted with its allocations failing.
 
 TEST_F(ProtocolAllocFailureTest, SyslogSendsAndCollector) {
   for_each_allocation_failure([] {
