@@ -210,15 +210,17 @@ inline int run_python(const std::string& script, const std::vector<std::string>&
   return vektest::run_program(argv, out, script, timeout_ms);
 }
 
-// A server on a scratch root. The default socket workers and the socket
-// registry are made before the leak count starts.
+// Makes the socket registry, which lives as long as the process, before any leak count starts.
+inline void warm_up_sockets() {
+  void* warm = nullptr;
+  if (socket_create(&warm) == 0) socket_delete(warm);
+  socket_instrument_handle();
+}
+
+// A server on a scratch root, its default socket workers made per test.
 class ServerTest : public vektest::LeakCheckedTest {
  protected:
-  static void SetUpTestSuite() {
-    void* warm = nullptr;
-    if (socket_create(&warm) == 0) socket_delete(warm);
-    socket_instrument_handle();
-  }
+  static void SetUpTestSuite() { warm_up_sockets(); }
 
   void SetUp() override {
     vektest::LeakCheckedTest::SetUp();

@@ -130,9 +130,7 @@ print('errors:', errors)
 class ApplianceTest : public vektest::LeakCheckedTest {
  protected:
   static void SetUpTestSuite() {
-    void* warm = nullptr;
-    if (socket_create(&warm) == 0) socket_delete(warm);
-    socket_instrument_handle();
+    ftptest::warm_up_sockets();
     sqlite_init();
   }
 

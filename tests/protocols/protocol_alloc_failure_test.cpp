@@ -22,11 +22,7 @@ void settle(const vektest::BlockCensus& start) {
 
 class ProtocolAllocFailureTest : public vektest::AllocFailureFixture {
  protected:
-  static void SetUpTestSuite() {
-    void* warm = nullptr;
-    if (socket_create(&warm) == 0) socket_delete(warm);
-    socket_instrument_handle();
-  }
+  static void SetUpTestSuite() { ftptest::warm_up_sockets(); }
 };
 
 // ---- FTP: a server, a refused login, transfers, a listing, directory commands.
