@@ -338,20 +338,16 @@ TEST_F(FtpOddServerTest, ServerDyingMidTransferKeepsThePartialFile) {
   EXPECT_LT(std::filesystem::file_size(local), static_cast<uintmax_t>(size));
 }
 
-class FtpArgumentsTest : public vektest::LeakCheckedTest {};
-
 // Missing handles and names, line breaks that would smuggle a command, and
 // a server that is not there: refused before anything reaches the wire.
-TEST_F(FtpArgumentsTest, BadArgumentsNeverReachTheServer) {
-  FtpServer server;
-  vektest::TempDir root;
-  const std::string problem = server.start(Server::kVsftpd, root.path());
+TEST_F(FtpPeerTest, BadArgumentsNeverReachTheServer) {
+  const std::string problem = server_.start(Server::kVsftpd, remote_.path());
   if (!problem.empty()) GTEST_SKIP() << problem;
-  vektest::write_file(root.file("keep.txt"), "keep");
-  void* client = reinterpret_cast<void*>(1);
+  vektest::write_file(remote_.file("keep.txt"), "keep");
+  void* refused = reinterpret_cast<void*>(1);  // must come back null
   const std::string closed = "127.0.0.1:" + std::to_string(vektest::free_tcp_port());  // nothing listens
-  EXPECT_LT(ftp_connect(&client, closed.c_str()), 0);
-  EXPECT_EQ(nullptr, client);
+  EXPECT_LT(ftp_connect(&refused, closed.c_str()), 0);
+  EXPECT_EQ(nullptr, refused);
   const int kHandle = ERR_INVALID_HANDLE, kParameter = ERR_INVALID_PARAMETER;
   struct Case {
     const char* what;
@@ -359,28 +355,27 @@ TEST_F(FtpArgumentsTest, BadArgumentsNeverReachTheServer) {
   };
   const Case cases[] = {
       {"connect without handle", ftp_connect2(nullptr, "127.0.0.1:21", 0), kHandle},
-      {"connect without host", ftp_connect(&client, nullptr), kParameter},
+      {"connect without host", ftp_connect(&refused, nullptr), kParameter},
       {"get", ftp_get(nullptr, "a", "b"), kHandle},
       {"progress", ftp_set_progress_callback(nullptr, nullptr, nullptr), kHandle},
   };
   for (const Case& c : cases) EXPECT_EQ(c.expected, c.rc) << c.what;
-  EXPECT_EQ(nullptr, client);
-  ASSERT_EQ(0, ftp_connect(&client, server.address().c_str()));
+  EXPECT_EQ(nullptr, refused);
+  ASSERT_EQ(0, ftp_connect(&client_, server_.address().c_str()));
   const Case named[] = {
-      {"login without user", ftp_login(client, nullptr, "p"), kParameter},
-      {"login without password", ftp_login(client, "u", nullptr), kParameter},
-      {"user with a line break", ftp_login(client, "anonymous\r\nDELE keep.txt", "x"), kParameter},
-      {"login", ftp_login(client, "anonymous", "x@y"), 0},
-      {"put without local name", ftp_put(client, nullptr, "b"), kParameter},
-      {"put without remote name", ftp_put(client, "a", nullptr), kParameter},
-      {"get without remote name", ftp_get(client, nullptr, "b"), kParameter},
-      {"get without local name", ftp_get(client, "a", nullptr), kParameter},
-      {"del without name", ftp_del(client, nullptr), kParameter},
-      {"name with a line break", ftp_del(client, "nothing\r\nDELE keep.txt"), kParameter},
+      {"login without user", ftp_login(client_, nullptr, "p"), kParameter},
+      {"login without password", ftp_login(client_, "u", nullptr), kParameter},
+      {"user with a line break", ftp_login(client_, "anonymous\r\nDELE keep.txt", "x"), kParameter},
+      {"login", ftp_login(client_, "anonymous", "x@y"), 0},
+      {"put without local name", ftp_put(client_, nullptr, "b"), kParameter},
+      {"put without remote name", ftp_put(client_, "a", nullptr), kParameter},
+      {"get without remote name", ftp_get(client_, nullptr, "b"), kParameter},
+      {"get without local name", ftp_get(client_, "a", nullptr), kParameter},
+      {"del without name", ftp_del(client_, nullptr), kParameter},
+      {"name with a line break", ftp_del(client_, "nothing\r\nDELE keep.txt"), kParameter},
   };
   for (const Case& c : named) EXPECT_EQ(c.expected, c.rc) << c.what;
-  EXPECT_TRUE(exists(root.file("keep.txt")));
-  EXPECT_EQ(0, ftp_disconnect(client));
+  EXPECT_TRUE(exists(remote_.file("keep.txt")));
 }
 
 // ---- the command-line tool -------------------------------------------------
