@@ -1,13 +1,11 @@
 // fuzz-seconds: 60
-// Drives the command path of a live FTP server (line assembly, splitting,
-// dispatch, every handler) over a real control connection with a scratch
-// root. Each input is one session: either raw bytes, or lines whose first
-// byte picks a command word and whose rest is its argument. The harness
-// opens the data connections that PASV announces, so transfers run too.
-// Each session gets a server of its own, so that command threads it
-// started are gone again when the counts are compared. After each session:
-// the library's live blocks are back where they were (tree nodes aside, see
-// fuzz_util.hpp), and nothing outside the root has changed.
+// Drives a live FTP server's command path (line assembly, splitting, dispatch,
+// every handler) over a real control connection. Each input is one session:
+// raw bytes, or lines whose first byte picks a command word and whose rest is
+// its argument; the passive data connections are opened, so transfers run.
+// Each session gets its own server, so its command threads are gone when the
+// live blocks are compared (tree nodes aside, see fuzz_util.hpp); nothing
+// outside the root may change.
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <poll.h>
@@ -23,14 +21,10 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <map>
-#include <string>
+#include <fstream>
 #include <vector>
 
-#include <vekutil/btree.h>
-#include <vekutil/directory.h>
 #include <vekutil/ftp.server.h>
-#include <vekutil/memory.h>
 #include <vekutil/socket.async.h>
 #include <vekutil/socket.h>
 
@@ -63,15 +57,8 @@ std::map<std::string, std::string> snapshot(const std::string& base) {
   for (const auto& e : fs::recursive_directory_iterator(base)) {
     std::string p = e.path().string();
     if (p.compare(0, base.size() + 6, base + "/root/") == 0 || p == base + "/root") continue;
-    std::string content = "<dir>";
-    if (e.is_regular_file()) {
-      FILE* f = std::fopen(p.c_str(), "rb");
-      char buf[256];
-      size_t n = f ? std::fread(buf, 1, sizeof buf, f) : 0;
-      if (f) std::fclose(f);
-      content.assign(buf, n);
-    }
-    out[p] = content;
+    std::ifstream in(p, std::ios::binary);
+    out[p] = e.is_regular_file() ? std::string(std::istreambuf_iterator<char>(in), {}) : "<dir>";
   }
   return out;
 }
@@ -80,11 +67,7 @@ void reset_root(const std::string& base) {
   std::error_code ec;
   fs::remove_all(base + "/root", ec);
   fs::create_directories(base + "/root/sub");
-  FILE* f = std::fopen((base + "/root/file.txt").c_str(), "w");
-  if (f) {
-    std::fputs("inside\n", f);
-    std::fclose(f);
-  }
+  std::ofstream(base + "/root/file.txt") << "inside\n";
   fs::create_directory_symlink(base + "/outside", base + "/root/out_link", ec);
 }
 
@@ -218,9 +201,7 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
   g_h->root = g_h->base + "/root";
   fs::create_directories(g_h->base + "/outside/dir");
   fs::create_directories(g_h->base + "/root2");
-  FILE* f = std::fopen((g_h->base + "/outside/secret.txt").c_str(), "w");
-  std::fputs("outside\n", f);
-  std::fclose(f);
+  std::ofstream(g_h->base + "/outside/secret.txt") << "outside\n";
   reset_root(g_h->base);
   g_h->outside = snapshot(g_h->base);
   if (socket_async_default_init(socket_get_fd_setsize(), 0, 2000) != 0) std::abort();

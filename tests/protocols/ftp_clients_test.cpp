@@ -1,11 +1,7 @@
-// The FTP server with real clients: Python's ftplib (every built-in
-// command, passive and active, binary and ASCII), curl (listing, download,
-// upload, active mode) and lftp (mirroring a tree both ways). Contents are
-// compared by checksum.
-#include <signal.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-
+// The FTP server with real clients: Python's ftplib (a whole session,
+// passive and active, binary and ASCII) and lftp (mirroring a tree both
+// ways); curl runs against the appliance, the exact replies are checked over
+// a raw connection in ftp_server_test.
 #include <filesystem>
 #include <map>
 #include <random>
@@ -17,38 +13,32 @@ namespace {
 using namespace ftptest;
 namespace fs = std::filesystem;
 
-// Drives one session through every built-in command. Prints "FAIL ..." for
-// each failed check and "DONE" at the end.
+// Drives one session through the commands a client uses. Prints "FAIL ..."
+// for each failed check and "DONE" at the end.
 constexpr const char* kFtplibScript = R"PY(
-import ftplib, hashlib, io, os, sys
+import ftplib, io, os, sys
 port, root, mode = int(sys.argv[1]), sys.argv[2], sys.argv[3]
 failures = []
 def check(name, cond):
     if not cond: failures.append(name)
-def md5(b): return hashlib.md5(b).hexdigest()
 def disk(p):
     with open(os.path.join(root, p), 'rb') as f: return f.read()
+def exists(p): return os.path.exists(os.path.join(root, p))
 
 ftp = ftplib.FTP()
 check('welcome', ftp.connect('127.0.0.1', port, timeout=20).startswith('220'))
 ftp.set_pasv(mode == 'passive')
 check('login', ftp.login('admin', 'pw').startswith('230'))
-check('syst', ftp.sendcmd('SYST') == '215 UNIX Type: L8')
-check('noop', ftp.voidcmd('NOOP').startswith('250'))
-check('allo', ftp.voidcmd('ALLO 10').startswith('250'))
-check('pwd', ftp.pwd() == '/')
 ftp.mkd('dir')
-ftp.sendcmd('XMKD dir2')
-check('mkd on disk', os.path.isdir(os.path.join(root, 'dir')) and os.path.isdir(os.path.join(root, 'dir2')))
+check('mkd on disk', os.path.isdir(os.path.join(root, 'dir')))
 ftp.cwd('dir')
 check('cwd', ftp.pwd() == '/dir/')
-check('xpwd', ftp.sendcmd('XPWD').startswith('257 "/dir/"'))
 
 blob = os.urandom(300000)
 ftp.storbinary('STOR blob.bin', io.BytesIO(blob))
-check('stor binary', md5(disk('dir/blob.bin')) == md5(blob))
+check('stor binary', disk('dir/blob.bin') == blob)
 got = io.BytesIO(); ftp.retrbinary('RETR blob.bin', got.write)
-check('retr binary', md5(got.getvalue()) == md5(blob))
+check('retr binary', got.getvalue() == blob)
 got = io.BytesIO(); ftp.retrbinary('RETR blob.bin', got.write, rest=1000)
 check('rest', got.getvalue() == blob[1000:])
 ftp.sendcmd('APPE')
@@ -64,26 +54,14 @@ check('retr ascii', lines == ['line one', 'line two', '', 'last line'])
 listing = []; ftp.retrlines('LIST', listing.append)
 check('list', len(listing) == 2 and any(l.endswith(' blob.bin') and ' 300004 ' in l for l in listing))
 check('nlst', sorted(ftp.nlst()) == ['blob.bin', 'text.txt'])
-try:
-    ftp.size('blob.bin'); check('size refused', False)
-except ftplib.error_perm as e:
-    check('size refused', str(e).startswith('550'))
 ftp.rename('text.txt', 'renamed.txt')
-check('rename', os.path.exists(os.path.join(root, 'dir/renamed.txt')))
+check('rename', exists('dir/renamed.txt'))
 ftp.delete('renamed.txt')
-check('dele', not os.path.exists(os.path.join(root, 'dir/renamed.txt')))
-try:
-    ftp.delete('renamed.txt'); check('dele twice', False)
-except ftplib.error_perm as e:
-    check('dele twice', str(e).startswith('550'))
+check('dele', not exists('dir/renamed.txt'))
 ftp.cwd('..')
 check('cdup', ftp.pwd() == '/')
-ftp.sendcmd('XCWD dir'); ftp.sendcmd('XCUP'); ftp.sendcmd('CDUP')
-check('xcwd xcup', ftp.pwd() == '/')
 ftp.rmd('dir')
-ftp.sendcmd('XRMD dir2')
-check('rmd', not os.path.exists(os.path.join(root, 'dir')) and not os.path.exists(os.path.join(root, 'dir2')))
-check('type', ftp.sendcmd('TYPE I').startswith('200') and ftp.sendcmd('TYPE A').startswith('200'))
+check('rmd', not exists('dir'))
 check('quit', ftp.quit().startswith('221'))
 for f in failures: print('FAIL', f)
 print('DONE')
@@ -109,41 +87,6 @@ std::string random_file(const std::string& path, size_t size, unsigned seed) {
   for (char& c : bytes) c = static_cast<char>(gen());
   vektest::write_file(path, bytes);
   return bytes;
-}
-
-TEST_F(FtpClientsTest, CurlListsDownloadsAndUploads) {
-  if (!vektest::have_program("curl")) GTEST_SKIP() << "no curl";
-  std::string data = random_file(path("data.bin"), 1 << 20, 1);
-  directory_create(path("sub").c_str());
-  start();
-  std::string base = "ftp://127.0.0.1:" + std::to_string(port_) + "/";
-  std::vector<std::string> common = {"curl", "-sS", "--max-time", "60", "--user", "admin:pw"};
-  auto curl = [&](std::vector<std::string> args, std::string* out) {
-    std::vector<std::string> argv = common;
-    argv.insert(argv.end(), args.begin(), args.end());
-    return vektest::run_program(argv, out);
-  };
-  std::string out;
-  ASSERT_EQ(0, curl({base}, &out));
-  EXPECT_NE(std::string::npos, out.find(" 1048576 ")) << out;
-  EXPECT_NE(std::string::npos, out.find("drwxrwxrwx 1 zu zu                0 ")) << out;
-  for (const std::string& port_option : {std::string(), std::string("127.0.0.1")}) {
-    SCOPED_TRACE(port_option.empty() ? "passive" : "active");
-    std::vector<std::string> mode;
-    if (!port_option.empty()) mode = {"--ftp-port", port_option};
-    std::string body;
-    // SIZE is refused with a 550, which curl takes for a missing file
-    // unless told not to ask for the size.
-    std::vector<std::string> get = mode;
-    get.insert(get.end(), {"--ignore-content-length", base + "data.bin"});
-    ASSERT_EQ(0, curl(get, &body));
-    EXPECT_TRUE(body == data) << "download differs";
-    std::vector<std::string> put = mode;
-    put.insert(put.end(), {"-T", path("data.bin"), base + "sub/copy.bin"});
-    ASSERT_EQ(0, curl(put, &out)) << out;
-    EXPECT_TRUE(vektest::read_file(path("sub/copy.bin")) == data) << "upload differs";
-    file_delete(path("sub/copy.bin").c_str());
-  }
 }
 
 // A tree of about 200 files in 10 directories, sizes 0 to 64 KiB.
@@ -180,33 +123,6 @@ TEST_F(FtpClientsTest, LftpMirrorsATreeBothWays) {
   expect_tree(local, files);
   ASSERT_EQ(0, vektest::run_program({"lftp", "-c", open + "mirror -R " + local + " back"}, &out, "", 240000)) << out;
   expect_tree(path("back"), files);
-}
-
-// The tool: serves until SIGTERM, one line per command, then a clean stop.
-TEST_F(FtpClientsTest, ToolServesAndStopsOnSignal) {
-  char self[4096] = {};
-  if (readlink("/proc/self/exe", self, sizeof self - 1) <= 0) GTEST_SKIP();
-  std::string tool = fs::path(self).parent_path().parent_path().string() + "/tools/vekutil";
-  if (!vektest::have_program(tool)) GTEST_SKIP() << "tool not built";
-  int port = vektest::free_tcp_port();
-  std::string log = dir_.file("ftpd.log");
-  vektest::PeerProcess ftpd;
-  ASSERT_TRUE(ftpd.start({tool, "ftpd", "--listen", std::to_string(port), "--root", root_, "--user", "ann:pw:read"}, log));
-  ASSERT_TRUE(ftpd.wait_tcp_port(port));
-  {
-    Control c(port);
-    EXPECT_TRUE(c.login("ann"));
-    EXPECT_EQ("257 \"/\" is current directory.\r\n", c.cmd("PWD"));
-    EXPECT_EQ("550 Requested action not taken.\r\n", c.cmd("MKD x"));
-    c.cmd("QUIT");
-  }
-  kill(ftpd.pid(), SIGTERM);
-  int status = -1;
-  ASSERT_TRUE(ftpd.wait_exit(10000, &status));
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
-  std::string out = vektest::read_file(log);
-  for (const char* line : {" ann \"PASS ****\" 0\n", " ann \"PWD\" 0\n", " ann \"MKD x\" 0\n", "stopped on signal 15\n"})
-    EXPECT_NE(std::string::npos, out.find(line)) << out;
 }
 
 }  // namespace

@@ -54,22 +54,49 @@ inline std::vector<Seen> seen() {
   return g_seen;
 }
 
+// 127.0.0.1:port, or another loopback address.
+inline sockaddr_in loopback(int port, const char* ip = "127.0.0.1") {
+  sockaddr_in addr{};
+  addr.sin_family = AF_INET;
+  addr.sin_port = htons(static_cast<uint16_t>(port));
+  addr.sin_addr.s_addr = inet_addr(ip);
+  return addr;
+}
+
+// A TCP connection to 127.0.0.1:port, made from the address from when given; -1 on failure.
+inline int connect_loopback(int port, const char* from = nullptr) {
+  int fd = socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in source = loopback(0, from ? from : "127.0.0.1");
+  sockaddr_in target = loopback(port);
+  if ((from && bind(fd, reinterpret_cast<sockaddr*>(&source), sizeof source) != 0) ||
+      connect(fd, reinterpret_cast<sockaddr*>(&target), sizeof target) != 0) {
+    close(fd);
+    return -1;
+  }
+  return fd;
+}
+
+// A listening socket on a loopback port the system picks; the port goes to *port.
+inline int listen_loopback(int* port) {
+  int fd = socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in addr = loopback(0);
+  socklen_t size = sizeof addr;
+  if (bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 || listen(fd, 1) != 0 ||
+      getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &size) != 0) {
+    close(fd);
+    return -1;
+  }
+  *port = ntohs(addr.sin_port);
+  return fd;
+}
+
 // A raw control connection: one line out, one reply line in.
 class Control {
  public:
-  explicit Control(int port, bool read_greeting = true) {
-    fd_ = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_port = htons(static_cast<uint16_t>(port));
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    if (connect(fd_, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
-      close(fd_);
-      fd_ = -1;
-    }
+  explicit Control(int port) : fd_(connect_loopback(port)) {
     int one = 1;
     if (fd_ >= 0) setsockopt(fd_, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
-    if (fd_ >= 0 && read_greeting) greeting_ = line();
+    if (fd_ >= 0) greeting_ = line();
   }
   ~Control() {
     if (fd_ >= 0) close(fd_);
@@ -78,7 +105,6 @@ class Control {
   Control& operator=(const Control&) = delete;
 
   bool ok() const { return fd_ >= 0; }
-  int fd() const { return fd_; }
   const std::string& greeting() const { return greeting_; }
 
   void send_raw(const std::string& bytes) {
@@ -136,16 +162,7 @@ inline int connect_passive(const std::string& reply_227) {
   if (open == std::string::npos ||
       sscanf(reply_227.c_str() + open, "(%u,%u,%u,%u,%u,%u)", &h1, &h2, &h3, &h4, &p1, &p2) != 6)
     return -1;
-  int fd = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in addr{};
-  addr.sin_family = AF_INET;
-  addr.sin_port = htons(static_cast<uint16_t>(p1 * 256 + p2));
-  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  if (connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
-    close(fd);
-    return -1;
-  }
-  return fd;
+  return connect_loopback(static_cast<int>(p1 * 256 + p2));
 }
 
 // Everything a data connection delivers until the server closes it.
@@ -163,6 +180,27 @@ inline std::string read_all(int fd, int timeout_ms = 10000) {
   return out;
 }
 
+// One transfer over a fresh passive data connection.
+struct Transfer {
+  std::string opened;  // the preliminary reply (or the refusal)
+  std::string data;    // what the data connection delivered
+  std::string done;    // the final reply
+};
+
+inline Transfer passive_transfer(Control& c, const std::string& command, int timeout_ms = 5000) {
+  Transfer t;
+  int fd = connect_passive(c.cmd("PASV", timeout_ms));
+  if (fd < 0) return t;
+  t.opened = c.cmd(command, timeout_ms);
+  if (t.opened.rfind("1", 0) != 0) {
+    close(fd);
+    return t;
+  }
+  t.data = read_all(fd, timeout_ms);
+  t.done = c.line(timeout_ms);
+  return t;
+}
+
 // Runs a Python script (Debian's interpreter, which has the FTP modules)
 // with arguments; its standard output goes to *out.
 inline int run_python(const std::string& script, const std::vector<std::string>& args, std::string* out,
@@ -172,15 +210,17 @@ inline int run_python(const std::string& script, const std::vector<std::string>&
   return vektest::run_program(argv, out, script, timeout_ms);
 }
 
-// A server on a scratch root. The default socket workers and the socket
-// registry are made before the leak count starts.
+// Makes the socket registry, which lives as long as the process, before any leak count starts.
+inline void warm_up_sockets() {
+  void* warm = nullptr;
+  if (socket_create(&warm) == 0) socket_delete(warm);
+  socket_instrument_handle();
+}
+
+// A server on a scratch root, its default socket workers made per test.
 class ServerTest : public vektest::LeakCheckedTest {
  protected:
-  static void SetUpTestSuite() {
-    void* warm = nullptr;
-    if (socket_create(&warm) == 0) socket_delete(warm);
-    socket_instrument_handle();
-  }
+  static void SetUpTestSuite() { warm_up_sockets(); }
 
   void SetUp() override {
     vektest::LeakCheckedTest::SetUp();

@@ -3,17 +3,11 @@
 // against a real server and syslog sends. Each gives a failure result, never
 // crashes, and once everything is stopped and deleted nothing is left behind.
 #include <atomic>
-#include <chrono>
 #include <memory>
-#include <string>
-#include <thread>
-
-#include <vekutil/vekutil.h>
 
 #include "alloc_failure.hpp"
 #include "ftp_fixture.hpp"
 #include "http_peers.hpp"
-#include "vek_test.hpp"
 
 namespace {
 
@@ -28,15 +22,10 @@ void settle(const vektest::BlockCensus& start) {
 
 class ProtocolAllocFailureTest : public vektest::AllocFailureFixture {
  protected:
-  static void SetUpTestSuite() {
-    void* warm = nullptr;
-    if (socket_create(&warm) == 0) socket_delete(warm);
-    socket_instrument_handle();
-  }
+  static void SetUpTestSuite() { ftptest::warm_up_sockets(); }
 };
 
-// ---- FTP: start a server, a refused login, log in, upload, download,
-// delete, a listing, directory and rename commands, stop.
+// ---- FTP: a server, a refused login, transfers, a listing, directory commands.
 
 class FtpAllocFailureTest : public ProtocolAllocFailureTest {
  protected:
@@ -62,8 +51,7 @@ class FtpAllocFailureTest : public ProtocolAllocFailureTest {
     ProtocolAllocFailureTest::TearDown();
   }
 
-  // Returns true when every step of the session succeeded; then waits for
-  // the blocks to come back to *start (when given).
+  // True when every step succeeded; then waits for the blocks to come back to *start (when given).
   bool session(const vektest::BlockCensus* start) {
     void* server = nullptr;
     int rc = ftp_server_start(&server, 0, root_.c_str(), ftptest::accounts, nullptr, nullptr);
@@ -73,9 +61,9 @@ class FtpAllocFailureTest : public ProtocolAllocFailureTest {
       if (start) settle(*start);
       return false;
     }
-    std::string address = "127.0.0.1:" + std::to_string(static_cast<_FTP_SERVER_OBJECT*>(server)->port);
     const int port = static_cast<_FTP_SERVER_OBJECT*>(server)->port;
-    bool ok = client_session(address) && listing(port) && tree_commands(port);
+    const std::string address = "127.0.0.1:" + std::to_string(port);
+    bool ok = client_session(address) && raw_commands(port);
     ftp_server_stop(server);
     if (start) settle(*start);
     std::remove(download_.c_str());
@@ -103,30 +91,15 @@ class FtpAllocFailureTest : public ProtocolAllocFailureTest {
     return ok;
   }
 
-  // A directory listing over a raw control connection (the client has no
-  // LIST): true when it arrives complete with its 125 and 226 replies.
-  bool listing(int port) {
-    ftptest::Control control(port);
-    if (!control.ok() || control.greeting() != "220 FTP server ready\r\n" || !control.login("reader")) return false;
-    int data = ftptest::connect_passive(control.cmd("PASV", kReplyWait));
-    if (data < 0) return false;
-    bool ok = control.cmd("LIST", kReplyWait).rfind("125", 0) == 0;
-    std::string text;
-    char buf[4096];
-    for (ssize_t n; ok && (n = recv(data, buf, sizeof buf, 0)) > 0;) text.append(buf, static_cast<size_t>(n));
-    close(data);
-    ok = ok && control.line(kReplyWait).rfind("226", 0) == 0;
-    if (ok) {
-      EXPECT_NE(std::string::npos, text.find("keep.txt")) << text;
-    }
-    return ok;
-  }
-
-  // Directory and name commands over a raw control connection: true when
-  // every reply is a positive one (2xx, or 3xx for RNFR).
-  bool tree_commands(int port) {
+  // A listing, then directory and name commands, over a raw control
+  // connection (the client has neither): true when every reply is a positive
+  // one (1xx/2xx, 3xx for RNFR) and the listing arrived.
+  bool raw_commands(int port) {
     ftptest::Control control(port);
     if (!control.ok() || control.greeting() != "220 FTP server ready\r\n" || !control.login("admin")) return false;
+    ftptest::Transfer list = ftptest::passive_transfer(control, "LIST", kReplyWait);
+    if (list.opened.rfind("125", 0) != 0 || list.done.rfind("226", 0) != 0) return false;
+    EXPECT_NE(std::string::npos, list.data.find("keep.txt")) << list.data;
     for (const char* command : {"MKD made", "CWD made", "PWD", "CDUP", "RNFR made", "RNTO renamed", "CWD /renamed",
                                 "CWD ..", "RMD renamed", "TYPE A", "NOOP"}) {
       std::string reply = control.cmd(command, kReplyWait);
@@ -140,18 +113,14 @@ class FtpAllocFailureTest : public ProtocolAllocFailureTest {
   std::string root_, upload_, download_;
 };
 
-// A session makes about a hundred allocations on both sides; each run takes
-// a few milliseconds.
 TEST_F(FtpAllocFailureTest, WholeSession) {
   vektest::BlockCensus start = vektest::take_block_census();
   int runs = for_each_allocation_failure([&] { return session(&start); }, 20000);
   EXPECT_GT(runs, 50);
 }
 
-// Stopping a server while a client is still logged in: every session must
-// be found and shut down, whichever allocation failed while it was set up.
-// A stop that does not return within seconds is reported (and released by
-// closing the client).
+// Stopping a server with a client logged in ends every session, whichever allocation failed while
+// it was set up; a stop that hangs is reported (and released by closing the client).
 TEST_F(FtpAllocFailureTest, StopWithClientConnected) {
   vektest::BlockCensus start = vektest::take_block_census();
   for_each_allocation_failure([&] {
@@ -177,8 +146,7 @@ TEST_F(FtpAllocFailureTest, StopWithClientConnected) {
   });
 }
 
-// ---- HTTP: GET with a length, a chunked GET and a POST against Python's
-// http.server.
+// ---- HTTP: GET with a length, a chunked GET and a POST against Python's http.server.
 
 TEST_F(ProtocolAllocFailureTest, HttpExchanges) {
   vektest::TempDir dir;
@@ -225,8 +193,7 @@ TEST_F(ProtocolAllocFailureTest, HttpExchanges) {
   }
 }
 
-// ---- syslog: sends to a collector, which itself is created and deleted
-// with its allocations failing in turn.
+// ---- syslog: sends, and a collector created and deleted with its allocations failing.
 
 TEST_F(ProtocolAllocFailureTest, SyslogSendsAndCollector) {
   for_each_allocation_failure([] {
