@@ -1,7 +1,5 @@
 // ctest-labels: tsan
-// The waiting primitives: events as manual-reset gates, read-write locks,
-// counting semaphores and scheduled events with their interrupts, deadlines
-// and bad time-outs.
+// Events as manual-reset gates, read-write locks, semaphores, scheduled events.
 #include <atomic>
 #include <cerrno>
 #include <thread>
@@ -21,8 +19,6 @@ using std::chrono::milliseconds;
 using RwlockTest = locktest::LockTest;
 using SemaphoreTest = locktest::LockTest;
 
-// ---- events ----------------------------------------------------------------
-
 class EventTest : public locktest::LockTest {
  protected:
   void SetUp() override {
@@ -36,18 +32,22 @@ class EventTest : public locktest::LockTest {
   void* event_ = nullptr;
 };
 
-TEST_F(EventTest, ANewEventIsClosedAndATimedWaitExpires) {
+// A new event is a closed gate; once opened every wait passes until it is closed.
+TEST_F(EventTest, GateOpensAndClosesForTimedAndUntimedWaits) {
   EXPECT_EQ(ERR_TIMEOUT, EVENT_WAIT(event_, 100));
   EXPECT_EQ(ERR_TIMEOUT, event_error(event_));
   EXPECT_EQ(ERR_TIMEOUT, event_wait(event_, 0)) << "0 on a closed gate times out at once";
-}
-
-TEST_F(EventTest, AnOpenedGateLetsEveryLaterWaitPassUntilClosed) {
   ASSERT_EQ(0, event_unlock1(event_));
   for (int waiter = 0; waiter < 3; ++waiter) EXPECT_EQ(0, event_wait(event_, -1));
   EXPECT_EQ(0, event_wait(event_, -5)) << "an open gate never looks at the time-out";
   ASSERT_EQ(0, event_lock(event_));
   EXPECT_EQ(ERR_TIMEOUT, event_wait(event_, 0));
+
+  vektest::LogCapture log;  // below -1 is refused on a closed gate
+  EXPECT_EQ(ERR_SYSTEM, EVENT_WAIT(event_, -1500));
+  EXPECT_EQ(EINVAL, event_error(event_));
+  EXPECT_TRUE(log.contains("event_wait(name[gate],timeout[-1500],file[")) << log.text();
+  EXPECT_TRUE(log.contains("]): pthread_mutex_unlock3 failed[22] errno[")) << log.text();
 }
 
 TEST_F(EventTest, UnlockReleasesBlockedWaitersButLockKeepsThemWaiting) {
@@ -62,16 +62,6 @@ TEST_F(EventTest, UnlockReleasesBlockedWaitersButLockKeepsThemWaiting) {
   for (auto& t : waiters) t.join();
   for (int r : results) EXPECT_EQ(0, r);
 }
-
-TEST_F(EventTest, ATimeOutBelowMinusOneFailsOnAClosedGate) {
-  vektest::LogCapture log;
-  EXPECT_EQ(ERR_SYSTEM, EVENT_WAIT(event_, -1500));
-  EXPECT_EQ(EINVAL, event_error(event_));
-  EXPECT_TRUE(log.contains("event_wait(name[gate],timeout[-1500],file[")) << log.text();
-  EXPECT_TRUE(log.contains("]): pthread_mutex_unlock3 failed[22] errno[")) << log.text();
-}
-
-// ---- read-write locks ------------------------------------------------------
 
 TEST_F(RwlockTest, ReadersShareAndAWriterWaitsForThem) {
   void* rw = nullptr;
@@ -94,8 +84,6 @@ TEST_F(RwlockTest, ReadersShareAndAWriterWaitsForThem) {
   EXPECT_EQ(0, rwlock_error(rw));
   EXPECT_EQ(0, rwlock_delete(rw));
 }
-
-// ---- semaphores ------------------------------------------------------------
 
 TEST_F(SemaphoreTest, SignalsAndWaitsMoveTheCount) {
   void* sem = nullptr;
@@ -120,19 +108,14 @@ TEST_F(SemaphoreTest, SignalsAndWaitsMoveTheCount) {
   EXPECT_EQ(0, semaphore_timedwait(sem, 5000)) << "woken by the other thread";
   signaller.join();
   EXPECT_EQ(0, semaphore_delete(sem));
-}
 
-TEST_F(SemaphoreTest, AnImpossibleInitialCountFailsButKeepsTheRecord) {
-  vektest::LogCapture log;
-  void* sem = nullptr;
-  EXPECT_EQ(ERR_SYSTEM, semaphore_create_ex(&sem, -1));  // above the maximum once unsigned
+  vektest::LogCapture log;  // an initial count above the maximum once unsigned fails but keeps the record
+  EXPECT_EQ(ERR_SYSTEM, semaphore_create_ex(&sem, -1));
   ASSERT_NE(nullptr, sem);
   EXPECT_EQ(EINVAL, semaphore_error(sem));
   EXPECT_TRUE(log.contains("semaphore_create_ex(initial[-1]): sem_init failed[22]\n")) << log.text();
   EXPECT_EQ(0, semaphore_delete(sem));
 }
-
-// ---- scheduled events ------------------------------------------------------
 
 class SchEventTest : public vektest::LeakCheckedTest {
  protected:
@@ -154,19 +137,27 @@ class SchEventTest : public vektest::LeakCheckedTest {
   void* event_ = nullptr;
 };
 
-TEST_F(SchEventTest, APendingInterruptCutsOnlyTheNextSleep) {
+TEST_F(SchEventTest, APendingInterruptCutsOnlyTheNextSleepAndPastDeadlinesReturnAtOnce) {
   Clock::time_point start = Clock::now();
   EXPECT_EQ(0, schevent_waitfor(event_, 50));
   EXPECT_GE(elapsed_ms(start), 49);
 
   ASSERT_EQ(0, schevent_interrupt(event_));
-  start = Clock::now();
   EXPECT_EQ(ERR_INTERRUPTED, schevent_waitfor(event_, 1000)) << "the pending interrupt ends the sleep";
   EXPECT_EQ(ERR_INTERRUPTED, schevent_error(event_));
 
   start = Clock::now();
   EXPECT_EQ(0, schevent_waitfor(event_, 50)) << "the interrupt was consumed";
   EXPECT_GE(elapsed_ms(start), 49);
+
+  EXPECT_EQ(0, schevent_waituntil(event_, time_now() - 1000));
+  EXPECT_EQ(0, schevent_waituntil(event_, -1999)) << "a negative time is simply past";
+  EXPECT_EQ(0, schevent_waitfor(event_, -1)) << "-1 is a deadline just past, not for ever";
+  ASSERT_EQ(0, schevent_interrupt(event_));
+  EXPECT_EQ(ERR_INTERRUPTED, schevent_waituntil(event_, time_now() - 1000));
+
+  EXPECT_EQ(ERR_INVALID_PARAMETER, schevent_waitfor(event_, -2));
+  EXPECT_EQ(ERR_INVALID_PARAMETER, schevent_error(event_));
 }
 
 TEST_F(SchEventTest, InterruptsFromAnotherThreadEndEverySleep) {
@@ -179,17 +170,6 @@ TEST_F(SchEventTest, InterruptsFromAnotherThreadEndEverySleep) {
   interrupter = interrupt_soon();
   EXPECT_EQ(ERR_INTERRUPTED, schevent_waituntil(event_, time_now() + 5000));
   interrupter.join();
-}
-
-TEST_F(SchEventTest, DeadlinesInThePastReturnAtOnce) {
-  EXPECT_EQ(0, schevent_waituntil(event_, time_now() - 1000));
-  EXPECT_EQ(0, schevent_waituntil(event_, -1999)) << "a negative time is simply past";
-  EXPECT_EQ(0, schevent_waitfor(event_, -1)) << "-1 is a deadline just past, not for ever";
-  ASSERT_EQ(0, schevent_interrupt(event_));
-  EXPECT_EQ(ERR_INTERRUPTED, schevent_waituntil(event_, time_now() - 1000));
-
-  EXPECT_EQ(ERR_INVALID_PARAMETER, schevent_waitfor(event_, -2));
-  EXPECT_EQ(ERR_INVALID_PARAMETER, schevent_error(event_));
 }
 
 }  // namespace
