@@ -125,13 +125,11 @@ TEST_F(BtreeTest, ExplicitLocks) {
   btree_delete(bare);
 }
 
-// Random operations on the tree and on a std::map, with a sorted key vector
-// for positions; results and counts are compared after every step. Keys
-// next to the ends of the range, which sort as signed numbers, come up often.
+// Random operations on the tree and on a std::map (a sorted vector for
+// positions), compared after every step.
 void run_model(unsigned seed, int pool, int options) {
   std::mt19937_64 rng(seed);
-  // Keys spread over the whole signed range, the ends included, with some
-  // repeated so that different elements clash.
+  // Keys over the whole signed range, ends included; some repeat so elements clash.
   const long long ends[] = {LLONG_MIN, LLONG_MAX, 0, -1};
   for (int i = 0; i < kPool; ++i) g_keys[i] = i < 4 ? ends[i] : i % 97 == 4 ? g_keys[i / 2] : (long long)rng();
   void* t = nullptr;

@@ -190,9 +190,7 @@ TEST_F(QueueTest, RegistryListsAndDescribesEveryQueue) {
   EXPECT_EQ(before, instrument_count(queue_instrument_handle()));
 }
 
-// Four producers, four consumers. Each item carries its producer and
-// sequence number: every item must arrive exactly once, and every consumer
-// must see each producer's items in increasing order.
+// Every item arrives once, and each consumer sees each producer's items in order.
 TEST_F(QueueTest, FourProducersFourConsumersPassEveryItemOnceInOrder) {
 #if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
   constexpr uintptr_t kPerProducer = 62500;  // a quarter: sanitizers slow every lock down

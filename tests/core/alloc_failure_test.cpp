@@ -1,6 +1,5 @@
-// Every public operation that allocates, run with its 1st, 2nd, ... allocation
-// failing: it gives its documented failure result, never crashes, and once the
-// caller has deleted what it got, nothing is left behind.
+// Each allocating operation with its 1st, 2nd, ... allocation failing: a
+// documented failure result, no crash, nothing left once the caller deletes.
 #include <atomic>
 #include <cstring>
 #include <string>

@@ -1,6 +1,5 @@
 // ctest-labels: tsan
-// String, clock, loader, resource-limit and platform-error helpers, and
-// hex dumps: row layout, padding of a short last row, line-feed rules.
+// String, clock, loader, resource-limit helpers and hex dumps.
 #include <sys/resource.h>
 #include <unistd.h>
 

@@ -1,7 +1,6 @@
 // test-main: own
 // ctest-labels: tsan
-// The allocator in debug mode: exact accounts, bad pointers, the hook, the
-// live list and the memory report.
+// The allocator in debug mode: accounts, bad pointers, hook, live list, report.
 #include <unistd.h>
 
 #include <cstdarg>

@@ -1,8 +1,6 @@
 // test-main: own
-// Directory walks in the allocator's default mode, where the block counter
-// is all there is: releasing a null pointer counts one block down there, so
-// a walk that hands the allocator a null pointer makes the count drift (a
-// long-running server would show a shrinking count that hides real leaks).
+// Directory walks in default allocator mode, where releasing NULL counts a
+// block down: a walk that frees NULL makes the count drift and hide leaks.
 #include <string>
 
 #include <vekutil/vekutil.h>

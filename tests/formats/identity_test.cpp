@@ -1,6 +1,5 @@
 // ctest-labels: tsan
-// Random bytes, letters and integers; GUIDs and their counter across
-// threads; hardware ids of the network interfaces.
+// Random bytes, letters and integers; GUIDs across threads; hardware ids.
 #include <arpa/inet.h>
 
 #include <cctype>

@@ -1,6 +1,5 @@
-// The SQLite layer with its 1st, 2nd, ... allocation failing: open, select,
-// CSV export and CSV import each give a failure result, leave no partial
-// file or half-made handle behind, and free everything they took.
+// SQLite open, select, CSV export and import with each allocation failing:
+// a failure result, no partial file or half-made handle, nothing leaked.
 #include <sys/stat.h>
 
 #include <string>
@@ -72,9 +71,7 @@ TEST_F(SqliteAllocFailureTest, Select) {
   });
 }
 
-// Export, then import that file into a new table: every run either fails
-// with no partial file / with only refused records counted, or moves all 150
-// rows.
+// Export, then import into a new table: each run fails cleanly or moves all 150 rows.
 TEST_F(SqliteAllocFailureTest, CsvExportAndImport) {
   const std::string file = dir_.file("t.csv");
   for_each_allocation_failure([&] {

@@ -1,7 +1,5 @@
-// CSV export and import: the file layout, the import grammar, text that
-// survives a round trip, header names that cannot become SQL, the commit
-// rhythm, failures; and the sqlite3 shell reading our files and writing
-// files for us.
+// CSV export and import: layout, grammar, round trips, hostile headers,
+// commits, failures, and the sqlite3 shell on both sides.
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -154,10 +152,8 @@ TEST_F(SqliteCsvTest, ImportReadsTheGrammarAndRefusesWhatItCannotStore) {
   EXPECT_EQ((Strings{"'x'", "NULL", "'y'", "NULL", "''", "'z'"}), rows("SELECT quote(v) FROM one ORDER BY rowid"));
 }
 
-// The importer reads 1 MiB at a time. A first record padded so that the end
-// of the first read falls on every byte of some tricky records checks that a
-// record cut anywhere (inside qualifiers, between CR and LF, on a doubled
-// qualifier) reads the same; a 3 MiB field checks that the buffer grows.
+// The importer reads 1 MiB at a time: the first read ends on every byte of
+// some tricky records, and a 3 MiB field makes the buffer grow.
 TEST_F(SqliteCsvTest, RecordsCutByTheReadBufferReadTheSame) {
   constexpr size_t kBlock = 1 << 20;
   exec_ok("PRAGMA synchronous = OFF; CREATE TABLE t(a, b)");

@@ -1,6 +1,4 @@
-// Shared by the SQLite tests: a fixture with one open database file in a
-// private directory, a helper that reads a query back as text, and the
-// sqlite3 command-line shell as a peer.
+// SQLite tests: one open database in a private directory, queries as text, the sqlite3 shell.
 #pragma once
 
 #include <string>

@@ -1,7 +1,5 @@
-// Loading SQLite at run time: a path that finds nothing and a library that
-// lacks the functions both give ERR_SQLITE_LOAD and leave nothing loaded;
-// the next call tries again. Its own binary, because SQLite stays loaded
-// once a load succeeded.
+// Failed SQLite loads leave nothing loaded and the next call retries; its own
+// binary, because SQLite stays loaded once a load succeeded.
 #include <vekutil/errors.h>
 #include <vekutil/sqlite.h>
 

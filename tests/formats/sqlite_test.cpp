@@ -1,7 +1,5 @@
-// The SQLite layer against real database files: statements and their
-// changed-row counts, result tables, the row callback, the log callback,
-// transactions that exclude other threads, backup, column descriptions,
-// damaged files, a database held busy by the sqlite3 shell, refused calls.
+// The SQLite layer on real files: statements, results, callbacks, transactions,
+// backup, damaged files, a database held busy by the sqlite3 shell.
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>

@@ -1,6 +1,5 @@
 // ctest-labels: tsan
-// Locks between threads: trylock against another owner, exact counters
-// under heavy contention, and the registry reading locks that are in use.
+// Locks between threads: trylock, exact counters, the registry reading locks in use.
 #include <atomic>
 #include <cstdint>
 #include <thread>

@@ -1,6 +1,5 @@
 // ctest-labels: tsan
-// Thread pool: growth within bounds, worker stacks, scheduling order,
-// cancelling at every stage of a run, shutdown and forwarding pools.
+// Thread pool: bounded growth, stacks, scheduling, cancelling, forwarding.
 #include <dirent.h>
 #include <pthread.h>
 #include <time.h>
@@ -107,9 +106,8 @@ void wait_at_gate(int id, void* arg, void*, void*) {
   ++g->done;
 }
 
-// Blocked bursts grow a 1..4 pool to its maximum; single jobs afterwards find
-// the queue empty and retire the extra workers. Across many such rounds the
-// process never holds more than four workers and the scheduler.
+// Bursts grow a 1..4 pool, single jobs retire the extras: never more than
+// four workers and the scheduler.
 TEST_F(PoolTest, NeverMoreWorkersThanTheMaximumAcrossBursts) {
   void* pool = make_pool(1, 4);
   const int bound = threads_ + 4 + 1;
@@ -223,9 +221,8 @@ TEST_F(PoolTest, RepeatingWorkKeepsItsCadenceUntilCancelled) {
   for (size_t k = 0; k < ran.at.size(); ++k) EXPECT_GE(ran.at[k], first + (long long)k * kEveryMs) << "run " << k;
 }
 
-// Cancelling before, during or after a run, once or twice, one-shot or
-// repeating: no use after free (the sanitizer runs), no leak (the fixture),
-// and no run that starts after the cancel.
+// Cancelling before, during or after a run, once or twice: no use after
+// free, no leak, no run started after the cancel.
 struct Job {
   std::atomic<bool> hold{false}, in_run{false};
   std::atomic<int> runs{0};
