@@ -13,14 +13,8 @@ namespace {
 
 using InstrumentTest = vektest::LeakCheckedTest;
 
-std::string print(JSON* json) {
-  char* text = json_Print(json);
-  std::string out = text ? text : "";
-  _vekFree(text, __FILE__, __LINE__);
-  return out;
-}
-
 using vektest::registry_key;
+const auto print = vektest::compact_json;
 
 // A toy module: items are ints, one column each.
 void header(JSON* row) { json_AddItemToArray(row, json_CreateString("Value")); }

@@ -21,7 +21,7 @@ namespace {
 
 class RandomTest : public vektest::LeakCheckedTest {};
 
-TEST_F(RandomTest, RandomStringWritesOnlyCapitalLettersAndNoTerminator) {
+TEST_F(RandomTest, LettersBytesAndIntegersFillExactlyWhatWasAskedAndVary) {
   char buffer[2001];
   std::memset(buffer, '#', sizeof buffer);
   random_init();
@@ -30,9 +30,7 @@ TEST_F(RandomTest, RandomStringWritesOnlyCapitalLettersAndNoTerminator) {
   EXPECT_EQ(std::string::npos, text.find_first_not_of("ABCDEFGHIJKLMNOPQRSTUVWXYZ"));
   EXPECT_EQ(26u, std::set<char>(text.begin(), text.end()).size());  // 2000 draws miss one with negligible odds
   EXPECT_EQ('#', buffer[2000]);
-}
 
-TEST_F(RandomTest, RandomizeFillsExactlyTheRequestedBytesAndIntegersVary) {
   unsigned char a[40] = {}, b[40] = {};
   EXPECT_EQ(a, randomize(a, 32));
   randomize(b, 32);
@@ -125,7 +123,7 @@ TEST_F(GuidTest, ConcurrentCallersDrawCounterValuesInSequence) {
 
 class HardwareIdTest : public vektest::LeakCheckedTest {};
 
-TEST_F(HardwareIdTest, ListedInterfacesHaveAddressesAndHexIds) {
+TEST_F(HardwareIdTest, ListedInterfacesHaveAddressesAndHexIdsWithinTheCapacity) {
   const int interfaces = hardwareid_count();
   ASSERT_GE(interfaces, 0);
   HWID_ENTRY entries[64];
@@ -142,12 +140,10 @@ TEST_F(HardwareIdTest, ListedInterfacesHaveAddressesAndHexIds) {
     in_addr addr;
     EXPECT_EQ(1, inet_pton(AF_INET, e.ip, &addr)) << e.ip;
   }
-}
-
-TEST_F(HardwareIdTest, CapacityLimitsTheEntriesFilledAndNullArgumentsFail) {
+  // The capacity limits the entries filled.
   HWID_ENTRY first[2];
   std::memset(first, 0x55, sizeof first);
-  int count = 1;
+  count = 1;
   ASSERT_EQ(0, hardwareid_list(first, &count));
   EXPECT_LE(count, 1);
   EXPECT_EQ(0x55, static_cast<unsigned char>(first[1].type[0]));  // the second slot is untouched
