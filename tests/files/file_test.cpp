@@ -30,12 +30,7 @@ class FileTest : public vektest::LeakCheckedTest {
   }
 };
 
-std::string absolute(const char* path) {
-  char* p = file_absolute_path(path);
-  std::string s = p ? p : "<null>";
-  vekFree(p);
-  return s;
-}
+std::string absolute(const char* path) { return vektest::take_text(file_absolute_path(path)); }
 
 TEST_F(FileTest, StreamDeliversEveryByteAcrossRefillsThenStaysAtEnd) {
   std::string data;
