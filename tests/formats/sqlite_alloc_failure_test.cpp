@@ -1,7 +1,5 @@
 // SQLite open, select, CSV export and import with each allocation failing:
 // a failure result, no partial file or half-made handle, nothing leaked.
-#include <sys/stat.h>
-
 #include <string>
 
 #include <vekutil/vekutil.h>
@@ -11,12 +9,8 @@
 
 namespace {
 
+using sqltest::exists;
 using vektest::for_each_allocation_failure;
-
-bool exists(const std::string& path) {
-  struct stat st;
-  return stat(path.c_str(), &st) == 0;
-}
 
 class SqliteAllocFailureTest : public vektest::AllocFailureFixture {
  protected:

@@ -12,9 +12,8 @@
 
 namespace {
 
-using Strings = std::vector<std::string>;
-
-bool exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
+using sqltest::exists;
+using sqltest::Strings;
 
 // In a child process: exports 200,000 rows under a 100 kB file size limit;
 // 0 when the export fails as a write failure and leaves no file behind.
@@ -206,7 +205,7 @@ TEST_F(SqliteCsvTest, HeaderNamesStayColumnNames) {
       {"a,\"x) VALUES (1); DROP TABLE victim; --\"\n", "2/0"},        // a name that looks like SQL
   };
   Strings statements;
-  sqlite_set_log_callback(db_, [](const char* sql, void* s) { static_cast<Strings*>(s)->push_back(sql); }, &statements);
+  sqlite_set_log_callback(db_, sqltest::collect_statement, &statements);
   for (const Case& c : cases) {
     statements.clear();
     EXPECT_EQ(c.counts, import(c.header + "1,2\n3,4\n", "t", true, ',', '"')) << c.header;
@@ -226,7 +225,7 @@ TEST_F(SqliteCsvTest, ImportCommitsEveryHundredRecordsAndReportsProgress) {
   std::string text;
   for (int i = 0; i < 250; ++i) text += std::to_string(i == 150 ? 1 : i) + ",x\n";  // record 150 repeats a key
   Strings statements;
-  sqlite_set_log_callback(db_, [](const char* sql, void* s) { static_cast<Strings*>(s)->push_back(sql); }, &statements);
+  sqlite_set_log_callback(db_, sqltest::collect_statement, &statements);
   std::vector<long long> progress;
   sqlite_set_progress_callback(db_, [](void* p, long long rows) { static_cast<std::vector<long long>*>(p)->push_back(rows); },
                                &progress);

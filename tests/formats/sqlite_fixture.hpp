@@ -1,6 +1,8 @@
 // SQLite tests: one open database in a private directory, queries as text, the sqlite3 shell.
 #pragma once
 
+#include <unistd.h>
+
 #include <string>
 #include <vector>
 
@@ -10,6 +12,13 @@
 #include "vek_test.hpp"
 
 namespace sqltest {
+
+using Strings = std::vector<std::string>;
+
+inline bool exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
+
+// A log callback that collects every statement text into a Strings.
+inline void collect_statement(const char* sql, void* statements) { static_cast<Strings*>(statements)->push_back(sql); }
 
 // Every row of a query, its values joined by '|' (NULL as "NULL"); ask for
 // quote(x) to see types and exact texts.

@@ -8,7 +8,6 @@
 #include <chrono>
 #include <cstdio>
 #include <cstring>
-#include <fstream>
 #include <thread>
 
 #include <vekutil/errors.h>
@@ -17,10 +16,9 @@
 
 namespace {
 
+using sqltest::exists;
 using sqltest::SqliteTest;
-using Strings = std::vector<std::string>;
-
-bool exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
+using sqltest::Strings;
 
 TEST_F(SqliteTest, StatementsReturnChangedRowsOrTheMappedCode) {
   struct Case {
@@ -106,8 +104,7 @@ TEST_F(SqliteTest, RowCallbackSeesEveryRowAndMayStopTheStatement) {
 
 TEST_F(SqliteTest, LogCallbackSeesEachTextAsRunAndTheLockingPragmaAsAlwaysSpelled) {
   Strings texts;
-  ASSERT_EQ(0, sqlite_set_log_callback(db_, [](const char* sql, void* custom) { static_cast<Strings*>(custom)->push_back(sql); },
-                                       &texts));
+  ASSERT_EQ(0, sqlite_set_log_callback(db_, sqltest::collect_statement, &texts));
   ASSERT_EQ(0, sqlite_open(db_, path_.c_str()));
   exec_ok("CREATE TABLE t(a)");
   EXPECT_EQ(1, sqlite_exec(db_, "INSERT INTO t VALUES(%Q)", "it's 100%"));
