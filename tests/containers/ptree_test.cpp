@@ -89,12 +89,7 @@ TEST_F(PTreeTest, WalkStopsAtTheFirstNonZeroResult) {
 }
 
 TEST_F(PTreeTest, RefusedCalls) {
-  struct Case {
-    const char* what;
-    int got;
-    int want;
-  };
-  const Case cases[] = {
+  const struct { const char* what; int got; int want; } cases[] = {
       {"create into null", ptree_create(nullptr), ERR_INVALID_PARAMETER},
       {"delete null", ptree_delete(nullptr), ERR_INVALID_HANDLE},
       {"insert null tree", ptree_insert(nullptr, "a", "b"), ERR_INVALID_HANDLE},
@@ -106,7 +101,7 @@ TEST_F(PTreeTest, RefusedCalls) {
       {"foreach null func", ptree_foreach(tree_, nullptr, nullptr), ERR_INVALID_PARAMETER},
       {"count null", ptree_count(nullptr), ERR_INVALID_HANDLE},
   };
-  for (const Case& c : cases) EXPECT_EQ(c.want, c.got) << c.what;
+  for (const auto& c : cases) EXPECT_EQ(c.want, c.got) << c.what;
   EXPECT_EQ(nullptr, ptree_find_by_key(nullptr, "a"));
   EXPECT_EQ(nullptr, ptree_find_by_key(tree_, nullptr));
   EXPECT_EQ(0, ptree_count(tree_)) << "refused inserts leave nothing behind";

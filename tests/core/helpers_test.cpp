@@ -79,7 +79,7 @@ TEST_F(Helpers, LoaderFindsSymbolsAndRefusesBadInput) {
 }
 
 TEST_F(Helpers, LimitGettersInBothStyles) {
-  struct Case {
+  const struct {
     int resource;
     int (*numeric)(int*, int*);
     int (*text)(char**);
@@ -89,7 +89,7 @@ TEST_F(Helpers, LimitGettersInBothStyles) {
       {RLIMIT_NOFILE, rlimit_get_max_open_files, debug_get_max_open_files, "Max Open Files -> (Soft:%d) (Hard:%d)"},
       {RLIMIT_CORE, rlimit_get_core_file_limits, debug_get_core_file_limits, "Core Limits -> (Soft:%d) (Hard:%d)"},
   };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     struct rlimit limit;
     ASSERT_EQ(getrlimit(c.resource, &limit), 0);
     int soft = 0, hard = 0;

@@ -2,8 +2,6 @@
 // public record breaks this build before it breaks a caller's.
 #include <gtest/gtest.h>
 
-#include <cstdint>
-
 #include <vekutil/ftp.h>
 #include <vekutil/http.h>
 #include <vekutil/ssl.h>
@@ -36,11 +34,5 @@ static_assert(has_size<_FTP_CLIENT_OBJECT, 248, 220>);
 
 // File sizes and absolute times are 64-bit on both widths.
 static_assert(sizeof(((_FILEINFO*)nullptr)->size) == 8);
-
-TEST(Layout, AddressKeysAreSignExtendedPointers) {
-  int object = 0;
-  const long long key = (long long)(intptr_t)&object;
-  EXPECT_EQ(static_cast<void*>(&object), reinterpret_cast<void*>(static_cast<intptr_t>(key)));
-}
 
 }  // namespace

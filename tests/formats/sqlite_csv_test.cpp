@@ -78,19 +78,13 @@ void fill_awkward(void* db) {
 
 TEST_F(SqliteCsvTest, ExportWritesTheRowsWithoutRowidInTheChosenLayout) {
   exec_ok("CREATE TABLE t(a TEXT, b INT); INSERT INTO t(rowid, a, b) VALUES(5, 'x', 1), (9, 'q\"q', NULL), (7, '', 3)");
-  struct Case {
-    int maxrows;
-    bool header;
-    char delim, qualifier;
-    const char* text;
-  };
-  const Case cases[] = {
+  const struct { int maxrows; bool header; char delim, qualifier; const char* text; } cases[] = {
       {0, false, ',', 0, "x,1\r\n,3\r\nq\"q,\r\n"},
       {0, true, ';', 0, "a;b\r\nx;1\r\n;3\r\nq\"q;\r\n"},
       {2, true, ',', '"', "\"a\",\"b\"\r\n\"x\",\"1\"\r\n\"\",\"3\"\r\n"},
       {5, false, '\t', '\'', "'x'\t'1'\r\n''\t'3'\r\n'q\"q'\t\r\n"},
   };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     int written = 0;
     long long first = 0, last = 0;
     EXPECT_EQ(c.text, export_text("t", c.maxrows, c.header, c.delim, c.qualifier, &written, &first, &last));
@@ -108,15 +102,15 @@ TEST_F(SqliteCsvTest, ExportWritesTheRowsWithoutRowidInTheChosenLayout) {
 
 TEST_F(SqliteCsvTest, ImportReadsTheGrammarAndRefusesWhatItCannotStore) {
   exec_ok("CREATE TABLE t(a, b, c)");
-  struct Case {
+  // counts: "inserted/refused"; rows: quote(a)|quote(b)|quote(c)
+  const struct {
     const char* name;
     std::string text;
     bool header;
     char delim, qualifier;
-    const char* counts;  // inserted/refused
-    Strings rows;        // quote(a)|quote(b)|quote(c)
-  };
-  const Case cases[] = {
+    const char* counts;
+    Strings rows;
+  } cases[] = {
       {"LF, CR LF, no final line end, empty lines", "1,2,3\n\n4,5,6\r\n\r\n7,8,9", false, ',', 0, "3/0",
        {"'1'|'2'|'3'", "'4'|'5'|'6'", "'7'|'8'|'9'"}},
       {"empty is NULL, qualified empty is ''", "\"\",,x\r\n", false, ',', '"', "1/0", {"''|NULL|'x'"}},
@@ -139,7 +133,7 @@ TEST_F(SqliteCsvTest, ImportReadsTheGrammarAndRefusesWhatItCannotStore) {
       {"empty file", "", true, ',', '"', "0/0", {}},
       {"rows SQLite refuses count as refused", "a,nosuch\n1,2\n", true, ',', 0, "0/1", {}},
   };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     exec_ok("DELETE FROM t");
     EXPECT_EQ(c.counts, import(c.text, "t", c.header, c.delim, c.qualifier)) << c.name;
     EXPECT_EQ(c.rows, rows("SELECT quote(a), quote(b), quote(c) FROM t ORDER BY rowid")) << c.name;
@@ -194,11 +188,7 @@ TEST_F(SqliteCsvTest, RoundTripKeepsEveryTextWhenAQualifierIsSet) {
 TEST_F(SqliteCsvTest, HeaderNamesStayColumnNames) {
   exec_ok("CREATE TABLE victim(a); INSERT INTO victim VALUES(1)");
   exec_ok("CREATE TABLE t(a, \"we\"\"ird\", \"x) VALUES (1); DROP TABLE victim; --\")");
-  struct Case {
-    std::string header;
-    const char* counts;
-  };
-  const Case cases[] = {
+  const struct { std::string header; const char* counts; } cases[] = {
       {"a) VALUES (1); DROP TABLE victim; --,b\n", "0/2"},
       {"\"a\"\"); DROP TABLE victim; --\",b\n", "0/2"},
       {"a,\"we\"\"ird\"\n", "2/0"},                                   // a double quote in a real name
@@ -206,7 +196,7 @@ TEST_F(SqliteCsvTest, HeaderNamesStayColumnNames) {
   };
   Strings statements;
   sqlite_set_log_callback(db_, sqltest::collect_statement, &statements);
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     statements.clear();
     EXPECT_EQ(c.counts, import(c.header + "1,2\n3,4\n", "t", true, ',', '"')) << c.header;
     for (const std::string& sql : statements)

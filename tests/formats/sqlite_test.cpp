@@ -21,13 +21,7 @@ using sqltest::SqliteTest;
 using sqltest::Strings;
 
 TEST_F(SqliteTest, StatementsReturnChangedRowsOrTheMappedCode) {
-  struct Case {
-    const char* sql;
-    int result;
-    int sqlite_code;  // kept by a failure
-    bool logged;
-  };
-  const Case cases[] = {
+  const struct { const char* sql; int result, sqlite_code /* kept by a failure */; bool logged; } cases[] = {
       {"CREATE TABLE t(id INTEGER PRIMARY KEY, name TEXT UNIQUE, n INT)", 0, 0, false},
       {"INSERT INTO t(name, n) VALUES('a', 1), ('b', 2), ('c', 3)", 3, 0, false},
       {"UPDATE t SET n = n + 1", 3, 0, false},
@@ -39,7 +33,7 @@ TEST_F(SqliteTest, StatementsReturnChangedRowsOrTheMappedCode) {
       {"CREATE TABLE w(k TEXT PRIMARY KEY, v) WITHOUT ROWID; INSERT INTO w VALUES('x', 1), ('y', 2)", 2, 0, false},
       {"SELECT 1", 0, 0, false},
   };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     vektest::LogCapture log;
     EXPECT_EQ(c.result, sqlite_exec(db_, "%s", c.sql)) << c.sql;
     EXPECT_EQ(c.result < 0 ? 0 : c.result, sqlite_result_count(db_)) << c.sql;
@@ -159,16 +153,12 @@ TEST_F(SqliteTest, BackupCopiesOnlyWhenSomethingChanged) {
 }
 
 TEST_F(SqliteTest, AutoincrementDescribesTheSelfNumberedColumn) {
-  struct Case {
+  const struct {
     const char* create;
     int index;
-    const char* id;
-    const char* name;
-    const char* type;
-    const char* opts;
+    const char *id, *name, *type, *opts;
     int columns;
-  };
-  const Case cases[] = {
+  } cases[] = {
       {"CREATE TABLE t(x TEXT, id INTEGER PRIMARY KEY AUTOINCREMENT NOT NULL, y)", 1, "1", "id", "INTEGER",
        "PRIMARY KEY AUTOINCREMENT NOT NULL", 3},
       {"CREATE TABLE t(k integer primary key, v)", 0, "0", "k", "INTEGER", "PRIMARY KEY", 2},
@@ -177,7 +167,7 @@ TEST_F(SqliteTest, AutoincrementDescribesTheSelfNumberedColumn) {
       {"CREATE TABLE t(a, b, c, d)", -1, nullptr, nullptr, nullptr, nullptr, 4},
   };
   auto text = [](const char* s) { return std::string(s ? s : "<null>"); };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     exec_ok("DROP TABLE IF EXISTS t");
     exec_ok(c.create);
     _AUTOINC ai;
@@ -206,17 +196,12 @@ TEST_F(SqliteTest, OpenRefusesDamagedFilesAndMissingDirectories) {
   vektest::write_file(damaged_path, damaged);
   vektest::write_file(text_path, std::string(8192, 'x'));
 
-  struct Case {
-    std::string path;
-    int result;
-    const char* logged;
-  };
-  const Case cases[] = {
+  const struct { std::string path; int result; const char* logged; } cases[] = {
       {damaged_path, ERR_SQLITE_CORRUPT, "Database["},
       {text_path, ERR_SQLITE_CORRUPT, "PRAGMA integrity_check: [26]"},
       {"/nonexistent-dir/x.db", ERR_SQLITE_FAILED, "sqlite3_open failed[14]"},
   };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     void* other = nullptr;
     ASSERT_EQ(0, sqlite_create(&other));
     vektest::LogCapture log;
