@@ -1,5 +1,4 @@
-// Hash B-tree: keyed and positional access, ownership on delete, and a
-// randomised comparison against std::map.
+// Hash B-tree: keyed and positional access, ownership, a model against std::map.
 #include <climits>
 #include <cstdint>
 #include <map>
@@ -125,8 +124,7 @@ TEST_F(BtreeTest, ExplicitLocks) {
   btree_delete(bare);
 }
 
-// Random operations on the tree and on a std::map (a sorted vector for
-// positions), compared after every step.
+// Random operations against a std::map (a sorted vector for positions), every step.
 void run_model(unsigned seed, int pool, int options) {
   std::mt19937_64 rng(seed);
   // Keys over the whole signed range, ends included; some repeat so elements clash.

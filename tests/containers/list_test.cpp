@@ -108,8 +108,7 @@ TEST_F(ListTest, IteratorsLocksAndBadArguments) {
   list_delete(nullptr);
 }
 
-// Random operations against a std::list and a key map; the whole order both
-// ways every 500 steps.
+// Random operations against a std::list and a key map; whole order both ways every 500 steps.
 void run_model(unsigned seed, int steps) {
   std::mt19937 rng(seed);
   for (int i = 0; i < kPool; ++i) g_items[i] = i < 2 ? (i ? LLONG_MAX : LLONG_MIN) : (long long)rng() - (1LL << 31);

@@ -1,5 +1,4 @@
-// Each allocating operation with its 1st, 2nd, ... allocation failing: a
-// documented failure result, no crash, nothing left once the caller deletes.
+// Each allocating operation with its Nth allocation failing: a clean failure, nothing left.
 #include <atomic>
 #include <cstring>
 #include <string>
@@ -15,8 +14,7 @@ using vektest::for_each_allocation_failure;
 
 class AllocFailureTest : public vektest::LeakCheckedTest {};
 
-// Constructors of the handle-based objects: 0 and a handle, or ERR_NO_MEMORY
-// (or ERR_SYSTEM for a failed system object) with the handle left unset.
+// Constructors give 0 and a handle, or ERR_NO_MEMORY (ERR_SYSTEM) and no handle.
 struct Constructor {
   const char* name;
   int (*create)(void** handle);

@@ -1,5 +1,4 @@
-// Public record sizes on both widths, checked at compile time: a changed
-// public record breaks this build before it breaks a caller's.
+// Public record sizes on both widths: a changed record breaks this build before a caller's.
 #include <gtest/gtest.h>
 
 #include <vekutil/ftp.h>

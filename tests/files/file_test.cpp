@@ -1,5 +1,4 @@
-// File stream, paths, delete/copy/move/chmod, rolling and lock files, and
-// file information on real files: numbers, texts and bad input.
+// File stream, paths, delete/copy/move/chmod, rolling, lock files, file information.
 #include <sys/stat.h>
 #include <sys/time.h>
 #include <unistd.h>

@@ -1,5 +1,4 @@
-// Base32 and Base64: vectors both ways, every length and byte value, lenient
-// and malformed text, the padding character, refused arguments.
+// Base32 and Base64: vectors, every length and byte, lenient and malformed text, padding.
 #include <string>
 
 #include <vekutil/base32.h>

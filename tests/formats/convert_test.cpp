@@ -13,8 +13,7 @@ namespace {
 
 class ConvertTest : public vektest::LeakCheckedTest {};
 
-// Result of one conversion: code, value, and how many characters were taken
-// (-1 when the end pointer came back null).
+// Code, value and characters taken (-1 when the end pointer came back null).
 template <class T>
 struct Outcome { int rc; T value; long consumed; };
 
@@ -27,8 +26,7 @@ Outcome<T> run(Fn fn, const char* text, Base... base) {
 }
 Outcome<double> run_d(const char* text) { return run<double>(convert_to_d, text); }
 
-// Expected outcome of one conversion; the value is only compared on success
-// (and always for doubles, which come back 0 on failure).
+// The value is compared on success, and always for doubles (0 on failure).
 template <class T>
 void expect(const Outcome<T>& got, const char* text, int rc, T value, long consumed) {
   EXPECT_EQ(rc, got.rc) << '"' << text << '"';

@@ -1,5 +1,4 @@
-// CRC-16 (CCITT) and CRC-32: known vectors, chaining, every length and
-// alignment against a bitwise reference, whole files.
+// CRC-16 (CCITT) and CRC-32: vectors, chaining, a bitwise reference, files.
 #include <string>
 
 #include <vekutil/crc16.h>

@@ -64,8 +64,7 @@ class GuidTest : public vektest::LeakCheckedTest {
   }
 };
 
-// True when g has the fixed layout: 'H' stands for an upper-case hex digit,
-// 'C' for a capital letter, 'I' for either.
+// g has the layout: 'H' upper-case hex digit, 'C' capital letter, 'I' either.
 bool well_formed(const std::string& g) {
   static const std::string layout = "HHHHHHHH-HHHH-CCCC-HHHH-IIIIIIIIIIII";
   if (g.size() != layout.size()) return false;

@@ -27,8 +27,7 @@ using vektest::take_text;
 std::string compact(JSON* j) { return take_text(json_PrintUnformatted(j)); }
 std::string pretty(JSON* j) { return take_text(print_value(j, 0, 1)); }
 
-// Parses a copy of text held in a block of exactly its size, so that the
-// address sanitizer sees any read past the terminating zero.
+// Parses from a block of exactly the text's size: the sanitizer sees any overread.
 Tree parse_exact(const std::string& text, size_t* error_offset = nullptr) {
   char* copy = static_cast<char*>(std::malloc(text.size() + 1));
   std::memcpy(copy, text.c_str(), text.size() + 1);

@@ -1,5 +1,4 @@
-// SQLite open, select, CSV export and import with each allocation failing:
-// a failure result, no partial file or half-made handle, nothing leaked.
+// SQLite open, select, CSV export and import with each allocation failing: clean failures.
 #include <string>
 
 #include <vekutil/vekutil.h>

@@ -1,5 +1,4 @@
-// CSV export and import: layout, grammar, round trips, hostile headers,
-// commits, failures, and the sqlite3 shell on both sides.
+// CSV export and import, with the sqlite3 shell on both sides.
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -15,8 +14,7 @@ namespace {
 using sqltest::exists;
 using sqltest::Strings;
 
-// In a child process: exports 200,000 rows under a 100 kB file size limit;
-// 0 when the export fails as a write failure and leaves no file behind.
+// In a child: 0 when an export past a 100 kB size limit fails cleanly, leaving no file.
 int export_beyond_size_limit(void* db, const std::string& out) {
   std::signal(SIGXFSZ, SIG_IGN);
   sqlite_exec(db, "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < 200000) "
@@ -57,15 +55,13 @@ class SqliteCsvTest : public sqltest::SqliteTest {
   }
 };
 
-// Text that breaks naive CSV: qualifiers, delimiters, line ends, quotes,
-// percent signs, UTF-8, the empty text, and NULL.
+// Text that breaks naive CSV.
 const char* const kAwkward[] = {
     "plain", "comma, inside", "semi;colon|bar\ttab", "say \"hi\"", "\"", "\"\"", "it's", "100% sure %d %s",
     "line\nbreak", "cr\rlf\r\n", "\r\n", "trailing space ", "  ", "grüße ✓ 日本", "back\\slash", "",
 };
 
-// Table src(id INTEGER, txt TEXT, num REAL, other TEXT) holding every
-// awkward text, some NULLs and one empty text.
+// Table src(id, txt, num, other) with every awkward text, some NULLs, one empty text.
 void fill_awkward(void* db) {
   sqlite_exec(db, "CREATE TABLE src(id INTEGER, txt TEXT, num REAL, other TEXT)");
   int id = 0;
@@ -145,8 +141,7 @@ TEST_F(SqliteCsvTest, ImportReadsTheGrammarAndRefusesWhatItCannotStore) {
   EXPECT_EQ((Strings{"'x'", "NULL", "'y'", "NULL", "''", "'z'"}), rows("SELECT quote(v) FROM one ORDER BY rowid"));
 }
 
-// The importer reads 1 MiB at a time: the first read ends on every byte of
-// some tricky records, and a 3 MiB field makes the buffer grow.
+// Reads of 1 MiB end on every byte of tricky records; a 3 MiB field grows the buffer.
 TEST_F(SqliteCsvTest, RecordsCutByTheReadBufferReadTheSame) {
   constexpr size_t kBlock = 1 << 20;
   exec_ok("PRAGMA synchronous = OFF; CREATE TABLE t(a, b)");
@@ -254,8 +249,7 @@ TEST_F(SqliteCsvTest, FailuresAreReportedAndLeaveNoPartialFile) {
   EXPECT_EQ(0, sqlite_transaction_end(db_));
 }
 
-// The shell reads what we export, and writes what we import; both
-// directions are compared table to table.
+// The shell reads what we export and writes what we import, compared table to table.
 TEST_F(SqliteCsvTest, ShellPeerReadsOurFilesAndWritesFilesWeRead) {
   if (!vektest::have_program("sqlite3")) GTEST_SKIP() << "sqlite3 shell not installed";
   fill_awkward(db_);

@@ -20,8 +20,7 @@ inline bool exists(const std::string& path) { return access(path.c_str(), F_OK) 
 // A log callback that collects every statement text into a Strings.
 inline void collect_statement(const char* sql, void* statements) { static_cast<Strings*>(statements)->push_back(sql); }
 
-// Every row of a query, its values joined by '|' (NULL as "NULL"); ask for
-// quote(x) to see types and exact texts.
+// Every row of a query, values joined by '|' (NULL as "NULL").
 inline std::vector<std::string> rows(void* db, const std::string& sql) {
   std::vector<std::string> out;
   SQLITE_RESULT* r = sqlite_select(db, "%s", sql.c_str());

@@ -1,5 +1,4 @@
-// Failed SQLite loads leave nothing loaded and the next call retries; its own
-// binary, because SQLite stays loaded once a load succeeded.
+// Failed loads leave nothing loaded; own binary, as SQLite stays loaded once loaded.
 #include <vekutil/errors.h>
 #include <vekutil/sqlite.h>
 

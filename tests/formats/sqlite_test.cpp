@@ -1,5 +1,4 @@
-// The SQLite layer on real files: statements, results, callbacks, transactions,
-// backup, damaged files, a database held busy by the sqlite3 shell.
+// The SQLite layer on real files, and a database held busy by the sqlite3 shell.
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -212,8 +211,7 @@ TEST_F(SqliteTest, OpenRefusesDamagedFilesAndMissingDirectories) {
   }
 }
 
-// The shell takes an exclusive lock and then blocks reading a FIFO until the
-// test closes it, so the lock is held exactly as long as the test wants.
+// The shell holds an exclusive lock while it blocks reading a FIFO the test closes.
 TEST_F(SqliteTest, BusyDatabaseFailsAfterAboutTwoSecondsWithOneLogLine) {
   if (!vektest::have_program("sqlite3")) GTEST_SKIP() << "sqlite3 shell not installed";
   exec_ok("CREATE TABLE t(a)");

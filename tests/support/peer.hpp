@@ -49,8 +49,7 @@ class PeerProcess {
 int run_program(const std::vector<std::string>& argv, std::string* out = nullptr,
                 const std::string& input_text = "", int timeout_ms = 60000);
 
-// The vekutil tool beside the test binaries in the build tree (build/tools/
-// for build/tests/), or "" when it is not built there (the sanitizer builds).
+// The vekutil tool in the build tree (build/tools/), or "" when not built there.
 std::string tool_path();
 
 }  // namespace vektest

@@ -1,5 +1,4 @@
-// Shared test helpers: a fixture that proves a test gave back every block it
-// took from the library, and a private temporary directory.
+// Shared test helpers: a leak-checked fixture, temporary directories, text and log helpers.
 #pragma once
 
 #include <gtest/gtest.h>

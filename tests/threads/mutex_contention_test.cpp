@@ -41,8 +41,7 @@ TEST_F(MutexContentionTest, TrylockSeesAnotherThreadsLock) {
   EXPECT_EQ(0, mutex_delete(m));
 }
 
-// Exact counters under both locks while the registry renders them (race-free
-// under the sanitizer).
+// Exact counters under both locks while the registry renders them, race-free.
 TEST_F(MutexContentionTest, CountersStayExactWhileTheRegistryRendersTheLocks) {
   constexpr int kThreads = 8, kRounds = 50000;
   void* m = nullptr;

@@ -41,8 +41,7 @@ int thread_count() {
   return n;
 }
 
-// Threads the runtime starts once (the thread sanitizer's own) are up
-// before the first test counts threads.
+// Threads the runtime starts once (the sanitizer's) are up before tests count threads.
 struct Warmup : ::testing::Environment {
   void SetUp() override {
     void* pool = nullptr;
@@ -106,8 +105,7 @@ void wait_at_gate(int id, void* arg, void*, void*) {
   ++g->done;
 }
 
-// Bursts grow a 1..4 pool, single jobs retire the extras: never more than
-// four workers and the scheduler.
+// Bursts grow a 1..4 pool, single jobs retire the extras: never more than 4 + scheduler.
 TEST_F(PoolTest, NeverMoreWorkersThanTheMaximumAcrossBursts) {
   void* pool = make_pool(1, 4);
   const int bound = threads_ + 4 + 1;
@@ -139,8 +137,7 @@ TEST_F(PoolTest, NeverMoreWorkersThanTheMaximumAcrossBursts) {
   thread_pool_uninit(pool);
 }
 
-// Workers get the stack asked for when it is above 32 KiB, else 256 KiB:
-// enough for a deeply nested document parsed by caller code.
+// Workers get the stack asked for above 32 KiB, else 256 KiB: enough for deep documents.
 struct StackProbe {
   std::atomic<size_t> size{0};
   std::atomic<int> parsed{-1};
@@ -186,8 +183,7 @@ void note_run(int, void* arg, void*, void*) {
   ran->at.push_back(time_now());
 }
 
-// Never early, whatever order the items were put in; items for the same
-// millisecond are pushed back one millisecond each.
+// Never early, whatever order the items were put in.
 TEST_F(PoolTest, ScheduledWorkNeverRunsBeforeItIsDue) {
   void* pool = make_pool(2, 2);
   constexpr int kItems = 100;
@@ -221,8 +217,7 @@ TEST_F(PoolTest, RepeatingWorkKeepsItsCadenceUntilCancelled) {
   for (size_t k = 0; k < ran.at.size(); ++k) EXPECT_GE(ran.at[k], first + (long long)k * kEveryMs) << "run " << k;
 }
 
-// Cancelling before, during or after a run, once or twice: no use after
-// free, no leak, no run started after the cancel.
+// Cancelling before, during or after a run, once or twice: no use after free, no late run.
 struct Job {
   std::atomic<bool> hold{false}, in_run{false};
   std::atomic<int> runs{0};
