@@ -1,4 +1,3 @@
-#include <algorithm>
 #include <array>
 #include <climits>
 #include <cmath>
@@ -11,7 +10,6 @@
 
 #include <vekutil/errors.h>
 #include <vekutil/json.h>
-#include <vekutil/memory.h>
 #include <vekutil/threads.h>
 
 #include "vek_test.hpp"
