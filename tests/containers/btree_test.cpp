@@ -96,7 +96,7 @@ TEST_F(BtreeTest, OwnershipOnDeleteAndClear) {
   EXPECT_EQ(21, g_freed) << "delete releases what is left";
 }
 
-TEST_F(BtreeTest, NullHandlesAndNullElements) {
+TEST_F(BtreeTest, NullHandlesNullElementsAndExplicitLocks) {
   EXPECT_EQ(ERR_INVALID_HANDLE, btree_count(nullptr) | btree_readlock(nullptr));
   EXPECT_EQ(nullptr, btree_insert_with_hash(nullptr, item(0), 1));
   btree_delete(nullptr);
@@ -106,9 +106,7 @@ TEST_F(BtreeTest, NullHandlesAndNullElements) {
   EXPECT_EQ(nullptr, btree_delete_by_object(t, nullptr));
   btree_foreach(t, nullptr, nullptr);
   btree_delete(t);
-}
 
-TEST_F(BtreeTest, ExplicitLocks) {
   void* locked = new_tree();
   void* bare = new_tree(nullptr, nullptr, BTREE_OPTION_NO_LOCK);
   btree_insert_with_hash(locked, item(1), 1);

@@ -23,7 +23,7 @@ void detail(const void* item, JSON* o) {
   json_AddItemToObject(o, "value", json_CreateInteger(*static_cast<const int*>(item)));
 }
 
-TEST_F(InstrumentTest, GroupBookkeepingAndMessages) {
+TEST_F(InstrumentTest, GroupBookkeepingMessagesAndNullArguments) {
   void* g = nullptr;
   ASSERT_EQ(0, instrument_create(&g, "toy", header, row, detail));
 
@@ -64,14 +64,11 @@ TEST_F(InstrumentTest, GroupBookkeepingAndMessages) {
   EXPECT_EQ(1, instrument_count(g));
   EXPECT_EQ(0, instrument_delete(g)) << "deleting a group leaves its objects alone";
   EXPECT_EQ(-3, b);
-}
 
-TEST_F(InstrumentTest, NullArguments) {
   void* unmade = nullptr;
-  int x = 0;
   EXPECT_EQ(ERR_INVALID_PARAMETER, instrument_create(&unmade, "toy", header, nullptr, detail));
   EXPECT_EQ(nullptr, unmade);
-  EXPECT_EQ(ERR_INVALID_PARAMETER, instrument_add(nullptr, &x));
+  EXPECT_EQ(ERR_INVALID_PARAMETER, instrument_add(nullptr, &a));
   EXPECT_EQ(0, instrument_global_is_disabled());
 }
 

@@ -184,7 +184,7 @@ void note_run(int, void* arg, void*, void*) {
 }
 
 // Never early, whatever order the items were put in.
-TEST_F(PoolTest, ScheduledWorkNeverRunsBeforeItIsDue) {
+TEST_F(PoolTest, ScheduledAndRepeatingWorkNeverRunEarlyAndStopWhenCancelled) {
   void* pool = make_pool(2, 2);
   constexpr int kItems = 100;
   std::vector<Ran> ran(kItems);
@@ -194,27 +194,23 @@ TEST_F(PoolTest, ScheduledWorkNeverRunsBeforeItIsDue) {
     due[i] = time_now() + interval;
     ASSERT_EQ(0, thread_pool_put_scheduled_work(pool, "t", nullptr, interval, 0, note_run, &ran[i], 0, 0));
   }
-  EXPECT_TRUE(eventually([&] { return std::all_of(ran.begin(), ran.end(), [](Ran& r) { return r.count() == 1; }); }));
-  thread_pool_uninit(pool);
+  ASSERT_TRUE(eventually([&] { return std::all_of(ran.begin(), ran.end(), [](Ran& r) { return r.count() == 1; }); }));
   for (int i = 0; i < kItems; ++i) EXPECT_GE(ran[i].at[0], due[i]) << "item " << i;
-}
 
-// Run k of repeating work is due k periods after the first: never earlier.
-TEST_F(PoolTest, RepeatingWorkKeepsItsCadenceUntilCancelled) {
-  void* pool = make_pool(2, 2);
-  Ran ran;
+  // Run k of repeating work is due k periods after the first: never earlier.
+  Ran tick;
   constexpr int kEveryMs = 20;
   const long long first = time_now() + kEveryMs;
   void* handle = nullptr;
-  ASSERT_EQ(0, thread_pool_put_scheduled_work(pool, "tick", &handle, kEveryMs, 1, note_run, &ran, 0, 0));
-  EXPECT_TRUE(eventually([&] { return ran.count() >= 4; }));
+  ASSERT_EQ(0, thread_pool_put_scheduled_work(pool, "tick", &handle, kEveryMs, 1, note_run, &tick, 0, 0));
+  EXPECT_TRUE(eventually([&] { return tick.count() >= 4; }));
   EXPECT_EQ(0, thread_pool_end_scheduled_work(pool, handle));
   sleep_ms(kEveryMs);  // a run that was under way ends
-  const size_t at_cancel = ran.count();
+  const size_t at_cancel = tick.count();
   sleep_ms(3 * kEveryMs);
-  EXPECT_EQ(at_cancel, ran.count()) << "no run after the cancel";
+  EXPECT_EQ(at_cancel, tick.count()) << "no run after the cancel";
   thread_pool_uninit(pool);
-  for (size_t k = 0; k < ran.at.size(); ++k) EXPECT_GE(ran.at[k], first + (long long)k * kEveryMs) << "run " << k;
+  for (size_t k = 0; k < tick.at.size(); ++k) EXPECT_GE(tick.at[k], first + (long long)k * kEveryMs) << "run " << k;
 }
 
 // Cancelling before, during or after a run, once or twice: no use after free, no late run.
