@@ -141,7 +141,7 @@ const std::string kRow = "  0000: 30 31 32 33 34 35 36 37 - 38 39 61 62 63 64 65
 
 class Hexdump : public vektest::LeakCheckedTest {};
 
-TEST_F(Hexdump, RowsAndPadding) {
+TEST_F(Hexdump, RowsPaddingEmptyNullAndLongRanges) {
   std::string five = "  0000: 30 31 32 33 34" + std::string(37, ' ') + "01234";
   std::string tail = "  0010: 01 7f 80 22" + std::string(40, ' ') + "...\"";  // quotes as themselves
   std::string eight = "  0000: 30 31 32 33 34 35 36 37 -" + std::string(26, ' ') + "01234567";
@@ -150,9 +150,7 @@ TEST_F(Hexdump, RowsAndPadding) {
     EXPECT_EQ(dump(kBytes, c.len), heading(kBytes, c.len) + c.rows) << "no line feed at the end";
     EXPECT_EQ(console(kBytes, c.len), c.rows + "\n");
   }
-}
 
-TEST_F(Hexdump, EmptyNullAndLongRanges) {
   std::string head = heading(kBytes, 0);
   EXPECT_EQ(dump(kBytes, 0), head.substr(0, head.size() - 1));
   EXPECT_EQ(dump(nullptr, 16), "<null>");
