@@ -20,8 +20,7 @@ TEST_F(BoolTest, BitRunsCrossByteBoundaries) {
   EXPECT_EQ(0x6, bool_getbits(run, 6, 4));
 }
 
-// Bit b lives in word b / width, so wider words order the bytes differently
-// only through the machine's byte order; each width must agree with itself.
+// Bit b lives in word b / width: each width must agree with itself.
 template <class W, class Get, class Set>
 void check_word_width(Get get, Set set) {
   constexpr unsigned kWidth = sizeof(W) * 8;

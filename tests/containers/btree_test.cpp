@@ -1,5 +1,4 @@
-// Hash B-tree: keyed and positional access, ownership on delete, and a
-// randomised comparison against std::map.
+// Hash B-tree: keyed and positional access, ownership, a model against std::map.
 #include <climits>
 #include <cstdint>
 #include <map>
@@ -97,7 +96,7 @@ TEST_F(BtreeTest, OwnershipOnDeleteAndClear) {
   EXPECT_EQ(21, g_freed) << "delete releases what is left";
 }
 
-TEST_F(BtreeTest, NullHandlesAndNullElements) {
+TEST_F(BtreeTest, NullHandlesNullElementsAndExplicitLocks) {
   EXPECT_EQ(ERR_INVALID_HANDLE, btree_count(nullptr) | btree_readlock(nullptr));
   EXPECT_EQ(nullptr, btree_insert_with_hash(nullptr, item(0), 1));
   btree_delete(nullptr);
@@ -107,9 +106,7 @@ TEST_F(BtreeTest, NullHandlesAndNullElements) {
   EXPECT_EQ(nullptr, btree_delete_by_object(t, nullptr));
   btree_foreach(t, nullptr, nullptr);
   btree_delete(t);
-}
 
-TEST_F(BtreeTest, ExplicitLocks) {
   void* locked = new_tree();
   void* bare = new_tree(nullptr, nullptr, BTREE_OPTION_NO_LOCK);
   btree_insert_with_hash(locked, item(1), 1);
@@ -125,13 +122,10 @@ TEST_F(BtreeTest, ExplicitLocks) {
   btree_delete(bare);
 }
 
-// Random operations on the tree and on a std::map, with a sorted key vector
-// for positions; results and counts are compared after every step. Keys
-// next to the ends of the range, which sort as signed numbers, come up often.
+// Random operations against a std::map (a sorted vector for positions), every step.
 void run_model(unsigned seed, int pool, int options) {
   std::mt19937_64 rng(seed);
-  // Keys spread over the whole signed range, the ends included, with some
-  // repeated so that different elements clash.
+  // Keys over the whole signed range, ends included; some repeat so elements clash.
   const long long ends[] = {LLONG_MIN, LLONG_MAX, 0, -1};
   for (int i = 0; i < kPool; ++i) g_keys[i] = i < 4 ? ends[i] : i % 97 == 4 ? g_keys[i / 2] : (long long)rng();
   void* t = nullptr;

@@ -1,7 +1,5 @@
 // ctest-labels: tsan
-// The tree's own lock under concurrent readers and writers, the read lock
-// that the _ex lookups hand to the caller, and the registry listing trees
-// while they change.
+// The tree's lock under readers and writers, the _ex read lock, listing trees as they change.
 #include <atomic>
 #include <chrono>
 #include <thread>

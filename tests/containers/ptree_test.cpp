@@ -42,7 +42,7 @@ std::string lower(std::string s) {
   return s;
 }
 
-TEST_F(PTreeTest, NamesIgnoreCaseKeepTheirFirstSpellingAndPlace) {
+TEST_F(PTreeTest, NamesIgnoreCaseKeepTheirFirstSpellingAndPlaceAndWalksStopOnRequest) {
   ASSERT_EQ(0, ptree_insert(tree_, "Content-Type", "text/plain"));
   ASSERT_EQ(0, ptree_insert(tree_, "Host", "a:80"));
   ASSERT_EQ(0, ptree_insert(tree_, "content-TYPE", "text/html"));
@@ -53,6 +53,14 @@ TEST_F(PTreeTest, NamesIgnoreCaseKeepTheirFirstSpellingAndPlace) {
   EXPECT_EQ(nullptr, ptree_find_by_key(tree_, "Content-Typ"));
   EXPECT_EQ(nullptr, ptree_find_by_key(tree_, "Content-Type2"));
   EXPECT_EQ((Entries{{"Content-Type", "text/html"}, {"Host", "a:80"}, {"X-Empty", ""}}), walk(tree_));
+
+  for (const char* k : {"a", "b", "c"}) ASSERT_EQ(0, ptree_insert(tree_, k, "v"));
+  int visits = 0;
+  const int rc = ptree_foreach(
+      tree_, [](const char* k, const char*, void* custom) { return ++*static_cast<int*>(custom), k[0] == 'b' ? 42 : 0; },
+      &visits);
+  EXPECT_EQ(42, rc);
+  EXPECT_EQ(5, visits) << "three names before a, b";
 }
 
 TEST_F(PTreeTest, MatchesAModelOverManyRandomInsertsThroughGrowth) {
@@ -78,23 +86,8 @@ TEST_F(PTreeTest, MatchesAModelOverManyRandomInsertsThroughGrowth) {
   }
 }
 
-TEST_F(PTreeTest, WalkStopsAtTheFirstNonZeroResult) {
-  for (const char* k : {"a", "b", "c"}) ASSERT_EQ(0, ptree_insert(tree_, k, "v"));
-  int visits = 0;
-  const int rc = ptree_foreach(
-      tree_, [](const char* k, const char*, void* custom) { return ++*static_cast<int*>(custom), k[0] == 'b' ? 42 : 0; },
-      &visits);
-  EXPECT_EQ(42, rc);
-  EXPECT_EQ(2, visits);
-}
-
 TEST_F(PTreeTest, RefusedCalls) {
-  struct Case {
-    const char* what;
-    int got;
-    int want;
-  };
-  const Case cases[] = {
+  const struct { const char* what; int got; int want; } cases[] = {
       {"create into null", ptree_create(nullptr), ERR_INVALID_PARAMETER},
       {"delete null", ptree_delete(nullptr), ERR_INVALID_HANDLE},
       {"insert null tree", ptree_insert(nullptr, "a", "b"), ERR_INVALID_HANDLE},
@@ -106,7 +99,7 @@ TEST_F(PTreeTest, RefusedCalls) {
       {"foreach null func", ptree_foreach(tree_, nullptr, nullptr), ERR_INVALID_PARAMETER},
       {"count null", ptree_count(nullptr), ERR_INVALID_HANDLE},
   };
-  for (const Case& c : cases) EXPECT_EQ(c.want, c.got) << c.what;
+  for (const auto& c : cases) EXPECT_EQ(c.want, c.got) << c.what;
   EXPECT_EQ(nullptr, ptree_find_by_key(nullptr, "a"));
   EXPECT_EQ(nullptr, ptree_find_by_key(tree_, nullptr));
   EXPECT_EQ(0, ptree_count(tree_)) << "refused inserts leave nothing behind";

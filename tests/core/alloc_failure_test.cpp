@@ -1,6 +1,4 @@
-// Every public operation that allocates, run with its 1st, 2nd, ... allocation
-// failing: it gives its documented failure result, never crashes, and once the
-// caller has deleted what it got, nothing is left behind.
+// Each allocating operation with its Nth allocation failing: a clean failure, nothing left.
 #include <atomic>
 #include <cstring>
 #include <string>
@@ -16,8 +14,7 @@ using vektest::for_each_allocation_failure;
 
 class AllocFailureTest : public vektest::LeakCheckedTest {};
 
-// Constructors of the handle-based objects: 0 and a handle, or ERR_NO_MEMORY
-// (or ERR_SYSTEM for a failed system object) with the handle left unset.
+// Constructors give 0 and a handle, or ERR_NO_MEMORY (ERR_SYSTEM) and no handle.
 struct Constructor {
   const char* name;
   int (*create)(void** handle);
@@ -77,74 +74,59 @@ TEST_F(AllocFailureTest, JsonParseAndPrint) {
 }
 
 TEST_F(AllocFailureTest, JsonBuilders) {
-  for_each_allocation_failure([] {
+  const char* strings[] = {"a", "b"};
+  const int ints[] = {1, 2};
+  for_each_allocation_failure([&] {
     JSON* root = json_CreateObject();
     if (!root) return false;
-    JSON* name = json_CreateString("value");
-    if (!name) {
-      json_Delete(root);
-      return false;
+    const std::pair<const char*, JSON*> members[] = {
+        {"s", json_CreateString("value")}, {"a", json_CreateStringArray(strings, 2)}, {"i", json_CreateIntArray(ints, 2)}};
+    // A member is linked even when its key cannot be copied: the tree owns it either way.
+    bool all = true;
+    for (auto [key, m] : members) {
+      if (m) json_AddItemToObject(root, key, m);
+      all = all && m && json_GetObjectItem(root, key) == m;
     }
-    // The member is linked even when its key cannot be copied: the tree
-    // owns it either way.
-    json_AddItemToObject(root, "key", name);
-    bool keyed = json_GetObjectItem(root, "key") == name;
+    json_AddItemReferenceToObject(root, "ref", root);
+    all = all && json_GetObjectItem(root, "ref");
     json_Delete(root);
-    return keyed;
+    return all;
   });
 }
 
-// Inserts with keys 0..n-1 into an empty container; every insert that
-// reports success must be findable afterwards, every refused one absent.
-TEST_F(AllocFailureTest, BtreeInsert) {
+// Fills a tree, a list and a queue in one run, so that each of their
+// allocations fails once: every insert reported as done is there afterwards,
+// every refused one is absent.
+TEST_F(AllocFailureTest, ContainerInsertsKeepOnlyWhatTheyReported) {
   static int values[200];
   for_each_allocation_failure([] {
-    void* tree = nullptr;
-    if (btree_create(&tree, nullptr, nullptr) != 0) return false;
-    bool all = true;
-    for (int i = 0; i < 200; ++i) {
-      void* got = btree_insert_with_hash(tree, &values[i], i);
-      if (!got) {
+    void *tree = nullptr, *list = nullptr, *queue = nullptr;
+    const bool made = btree_create(&tree, nullptr, nullptr) == 0 &&
+                      list_create(&list, [](const void* e) { return (long long)(intptr_t)e; }, nullptr) == 0 &&
+                      queue_create(&queue) == 0;
+    bool all = made;
+    for (int i = 0; made && i < 200; ++i) {
+      if (!btree_insert_with_hash(tree, &values[i], i)) {
         all = false;
         EXPECT_EQ(nullptr, btree_find_by_hash(tree, i));
       }
-    }
-    btree_delete(tree);
-    return all;
-  });
-}
-
-TEST_F(AllocFailureTest, ListAndQueueOperations) {
-  static int values[100];
-  for_each_allocation_failure([] {
-    void* list = nullptr;
-    if (list_create(&list, [](const void* e) { return (long long)(intptr_t)e; }, nullptr) != 0) return false;
-    bool all = true;
-    for (int i = 0; i < 100; ++i) {
-      int rc = i % 2 ? list_insert_at_tail(list, &values[i]) : list_insert_at_head(list, &values[i]);
-      if (rc < 0) {
-        EXPECT_EQ(ERR_NO_MEMORY, rc);
+      const int listed = i % 2 ? list_insert_at_tail(list, &values[i]) : list_insert_at_head(list, &values[i]);
+      if (listed < 0) {
+        all = false;
+        EXPECT_EQ(ERR_NO_MEMORY, listed);
         EXPECT_EQ(nullptr, list_find_by_object(list, &values[i]));
-        all = false;
       }
-    }
-    list_delete(list);
-    return all;
-  });
-  for_each_allocation_failure([] {
-    void* queue = nullptr;
-    if (queue_create(&queue) != 0) return false;
-    bool all = true;
-    for (int i = 0; i < 100; ++i) {
-      int rc = queue_put(queue, &values[i]);
-      if (rc < 0) {
-        EXPECT_EQ(ERR_NO_MEMORY, rc);
+      const int queued = queue_put(queue, &values[i]);
+      if (queued < 0) {
         all = false;
+        EXPECT_EQ(ERR_NO_MEMORY, queued);
       }
     }
     void* item = nullptr;
-    while (queue_count(queue) > 0) queue_get(queue, &item, 0);
-    queue_delete(queue);
+    while (queue && queue_count(queue) > 0) queue_get(queue, &item, 0);
+    btree_delete(tree);
+    list_delete(list);
+    if (queue) queue_delete(queue);
     return all;
   });
 }

@@ -1,6 +1,5 @@
 // ctest-labels: tsan
-// String, clock, loader, resource-limit and platform-error helpers, and
-// hex dumps: row layout, padding of a short last row, line-feed rules.
+// String, clock, loader, resource-limit helpers and hex dumps.
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -80,7 +79,7 @@ TEST_F(Helpers, LoaderFindsSymbolsAndRefusesBadInput) {
 }
 
 TEST_F(Helpers, LimitGettersInBothStyles) {
-  struct Case {
+  const struct {
     int resource;
     int (*numeric)(int*, int*);
     int (*text)(char**);
@@ -90,7 +89,7 @@ TEST_F(Helpers, LimitGettersInBothStyles) {
       {RLIMIT_NOFILE, rlimit_get_max_open_files, debug_get_max_open_files, "Max Open Files -> (Soft:%d) (Hard:%d)"},
       {RLIMIT_CORE, rlimit_get_core_file_limits, debug_get_core_file_limits, "Core Limits -> (Soft:%d) (Hard:%d)"},
   };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     struct rlimit limit;
     ASSERT_EQ(getrlimit(c.resource, &limit), 0);
     int soft = 0, hard = 0;
@@ -142,7 +141,7 @@ const std::string kRow = "  0000: 30 31 32 33 34 35 36 37 - 38 39 61 62 63 64 65
 
 class Hexdump : public vektest::LeakCheckedTest {};
 
-TEST_F(Hexdump, RowsAndPadding) {
+TEST_F(Hexdump, RowsPaddingEmptyNullAndLongRanges) {
   std::string five = "  0000: 30 31 32 33 34" + std::string(37, ' ') + "01234";
   std::string tail = "  0010: 01 7f 80 22" + std::string(40, ' ') + "...\"";  // quotes as themselves
   std::string eight = "  0000: 30 31 32 33 34 35 36 37 -" + std::string(26, ' ') + "01234567";
@@ -151,9 +150,7 @@ TEST_F(Hexdump, RowsAndPadding) {
     EXPECT_EQ(dump(kBytes, c.len), heading(kBytes, c.len) + c.rows) << "no line feed at the end";
     EXPECT_EQ(console(kBytes, c.len), c.rows + "\n");
   }
-}
 
-TEST_F(Hexdump, EmptyNullAndLongRanges) {
   std::string head = heading(kBytes, 0);
   EXPECT_EQ(dump(kBytes, 0), head.substr(0, head.size() - 1));
   EXPECT_EQ(dump(nullptr, 16), "<null>");

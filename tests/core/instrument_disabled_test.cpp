@@ -1,6 +1,5 @@
 // test-main: own
-// The registry switched off before anything is made: every call reports it, and
-// trees and lists work unlisted.
+// The registry switched off before anything is made: calls report it, containers work unlisted.
 #include <gtest/gtest.h>
 
 #include <vekutil/btree.h>

@@ -13,14 +13,8 @@ namespace {
 
 using InstrumentTest = vektest::LeakCheckedTest;
 
-std::string print(JSON* json) {
-  char* text = json_Print(json);
-  std::string out = text ? text : "";
-  _vekFree(text, __FILE__, __LINE__);
-  return out;
-}
-
 using vektest::registry_key;
+const auto print = vektest::compact_json;
 
 // A toy module: items are ints, one column each.
 void header(JSON* row) { json_AddItemToArray(row, json_CreateString("Value")); }
@@ -29,7 +23,7 @@ void detail(const void* item, JSON* o) {
   json_AddItemToObject(o, "value", json_CreateInteger(*static_cast<const int*>(item)));
 }
 
-TEST_F(InstrumentTest, GroupBookkeepingAndMessages) {
+TEST_F(InstrumentTest, GroupBookkeepingMessagesAndNullArguments) {
   void* g = nullptr;
   ASSERT_EQ(0, instrument_create(&g, "toy", header, row, detail));
 
@@ -70,14 +64,11 @@ TEST_F(InstrumentTest, GroupBookkeepingAndMessages) {
   EXPECT_EQ(1, instrument_count(g));
   EXPECT_EQ(0, instrument_delete(g)) << "deleting a group leaves its objects alone";
   EXPECT_EQ(-3, b);
-}
 
-TEST_F(InstrumentTest, NullArguments) {
   void* unmade = nullptr;
-  int x = 0;
   EXPECT_EQ(ERR_INVALID_PARAMETER, instrument_create(&unmade, "toy", header, nullptr, detail));
   EXPECT_EQ(nullptr, unmade);
-  EXPECT_EQ(ERR_INVALID_PARAMETER, instrument_add(nullptr, &x));
+  EXPECT_EQ(ERR_INVALID_PARAMETER, instrument_add(nullptr, &a));
   EXPECT_EQ(0, instrument_global_is_disabled());
 }
 

@@ -1,5 +1,4 @@
-// An application's own function that shares a name with one of the library's
-// helpers must not replace the helper inside the library.
+// An application function named like a library helper must not replace it inside the library.
 #include <cstdarg>
 #include <string>
 

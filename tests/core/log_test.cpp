@@ -68,8 +68,7 @@ TEST_F(LogTest, LongerLogIsRolledThroughTenGenerations) {
   EXPECT_NE(stat(gen(11).c_str(), &st), 0);
 }
 
-// A name whose numbered generations would be cut to the name itself: the
-// roll is skipped and the current log kept.
+// Generations that would be cut to the name itself: no roll, the log is kept.
 TEST_F(LogTest, NameTooLongForItsGenerationsKeepsTheLog) {
   std::string name = dir_.file("");
   name += std::string(146 - name.size(), 'L');

@@ -1,7 +1,5 @@
-// test-main: own
 // ctest-labels: tsan
-// The allocator in debug mode: exact accounts, bad pointers, the hook, the
-// live list and the memory report.
+// The allocator in debug mode: accounts, bad pointers, hook, live list, report.
 #include <unistd.h>
 
 #include <cstdarg>
@@ -246,9 +244,3 @@ TEST_F(DebugMemory, ThreadsKeepListAndTotalsExact) {
 }
 
 }  // namespace
-
-int main(int argc, char** argv) {
-  vekMemoryInitEx(1);  // before the first allocation
-  ::testing::InitGoogleTest(&argc, argv);
-  return RUN_ALL_TESTS();
-}

@@ -1,10 +1,6 @@
-// Recursive delete while a directory of the tree is swapped for a symbolic
-// link to a directory outside it. The swap is made by hooks on lstat and
-// openat, between the moment the walk looks at the entry and the moment it
-// opens it, so the race is hit every time.
-//
-// The hooks define both the plain and the 64-bit names, so this file must
-// not have the plain ones renamed to the 64-bit ones.
+// Recursive delete while hooks on lstat and openat swap a directory of the
+// tree for a link outside it, between look and open: the race every time.
+// The hooks define plain and 64-bit names, so no renaming to the 64-bit ones.
 #undef _FILE_OFFSET_BITS
 #include <dlfcn.h>
 #include <fcntl.h>

@@ -13,8 +13,7 @@ namespace {
 
 class ConvertTest : public vektest::LeakCheckedTest {};
 
-// Result of one conversion: code, value, and how many characters were taken
-// (-1 when the end pointer came back null).
+// Code, value and characters taken (-1 when the end pointer came back null).
 template <class T>
 struct Outcome { int rc; T value; long consumed; };
 
@@ -27,8 +26,7 @@ Outcome<T> run(Fn fn, const char* text, Base... base) {
 }
 Outcome<double> run_d(const char* text) { return run<double>(convert_to_d, text); }
 
-// Expected outcome of one conversion; the value is only compared on success
-// (and always for doubles, which come back 0 on failure).
+// The value is compared on success, and always for doubles (0 on failure).
 template <class T>
 void expect(const Outcome<T>& got, const char* text, int rc, T value, long consumed) {
   EXPECT_EQ(rc, got.rc) << '"' << text << '"';
@@ -100,7 +98,7 @@ TEST_F(ConvertTest, PrefixesSignsWhiteSpaceEndPointerAndNullArguments) {
   EXPECT_EQ(ERR_INVALID_PARAMETER, convert_to_f(nullptr, "1", nullptr));
 }
 
-TEST_F(ConvertTest, DoubleSyntaxAndExponentLimits) {
+TEST_F(ConvertTest, DoubleSyntaxAndExponentLimitsAndTheFloatLimits) {
   const int none = ERR_CONVERT_NO_DIGITS, range = ERR_CONVERT_RANGE;
   const struct { const char* text; int rc; double value; long consumed; } cases[] = {
       {"  -12.5e1xyz", 0, -125.0, 9}, {".5", 0, 0.5, 2}, {"5.", 0, 5.0, 2},
@@ -116,6 +114,14 @@ TEST_F(ConvertTest, DoubleSyntaxAndExponentLimits) {
   };
   for (const auto& c : cases) expect(run_d(c.text), c.text, c.rc, c.value, c.consumed);
   for (const char* fits : {"1e300", "1.7e308", "1e-1021"}) EXPECT_EQ(0, run_d(fits).rc) << fits;
+
+  EXPECT_NEAR(1e38f, run<float>(convert_to_f, "1e38").value, 1e31f);
+  EXPECT_NEAR(3.1415927f, run<float>(convert_to_f, "3.1415927").value, 1e-6f);
+  expect(run<float>(convert_to_f, "-0.25"), "-0.25", 0, -0.25f, 5);
+  for (const char* too_big : {"1e129", "1e50", "-1e39", "400000000000000000000000000000000000000"})
+    expect(run<float>(convert_to_f, too_big), too_big, ERR_CONVERT_RANGE, 0.0f, -1);
+  expect(run<float>(convert_to_f, "1e-126"), "1e-126", ERR_CONVERT_RANGE, 0.0f, -1);
+  expect(run<float>(convert_to_f, "."), ".", ERR_CONVERT_NO_DIGITS, 0.0f, -1);
 }
 
 TEST_F(ConvertTest, DoubleValuesAreCloseToCorrectlyRounded) {
@@ -129,16 +135,6 @@ TEST_F(ConvertTest, DoubleValuesAreCloseToCorrectlyRounded) {
     EXPECT_NEAR(expected, r.value, std::fabs(expected) * 4e-16) << text;
     EXPECT_EQ(static_cast<long>(std::strlen(text)), r.consumed);
   }
-}
-
-TEST_F(ConvertTest, FloatUsesItsOwnLimits) {
-  EXPECT_NEAR(1e38f, run<float>(convert_to_f, "1e38").value, 1e31f);
-  EXPECT_NEAR(3.1415927f, run<float>(convert_to_f, "3.1415927").value, 1e-6f);
-  expect(run<float>(convert_to_f, "-0.25"), "-0.25", 0, -0.25f, 5);
-  for (const char* too_big : {"1e129", "1e50", "-1e39", "400000000000000000000000000000000000000"})
-    expect(run<float>(convert_to_f, too_big), too_big, ERR_CONVERT_RANGE, 0.0f, -1);
-  expect(run<float>(convert_to_f, "1e-126"), "1e-126", ERR_CONVERT_RANGE, 0.0f, -1);
-  expect(run<float>(convert_to_f, "."), ".", ERR_CONVERT_NO_DIGITS, 0.0f, -1);
 }
 
 }  // namespace

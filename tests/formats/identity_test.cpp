@@ -1,6 +1,5 @@
 // ctest-labels: tsan
-// Random bytes, letters and integers; GUIDs and their counter across
-// threads; hardware ids of the network interfaces.
+// Random bytes, letters and integers; GUIDs across threads; hardware ids.
 #include <arpa/inet.h>
 
 #include <cctype>
@@ -22,7 +21,7 @@ namespace {
 
 class RandomTest : public vektest::LeakCheckedTest {};
 
-TEST_F(RandomTest, RandomStringWritesOnlyCapitalLettersAndNoTerminator) {
+TEST_F(RandomTest, LettersBytesAndIntegersFillExactlyWhatWasAskedAndVary) {
   char buffer[2001];
   std::memset(buffer, '#', sizeof buffer);
   random_init();
@@ -31,9 +30,7 @@ TEST_F(RandomTest, RandomStringWritesOnlyCapitalLettersAndNoTerminator) {
   EXPECT_EQ(std::string::npos, text.find_first_not_of("ABCDEFGHIJKLMNOPQRSTUVWXYZ"));
   EXPECT_EQ(26u, std::set<char>(text.begin(), text.end()).size());  // 2000 draws miss one with negligible odds
   EXPECT_EQ('#', buffer[2000]);
-}
 
-TEST_F(RandomTest, RandomizeFillsExactlyTheRequestedBytesAndIntegersVary) {
   unsigned char a[40] = {}, b[40] = {};
   EXPECT_EQ(a, randomize(a, 32));
   randomize(b, 32);
@@ -67,8 +64,7 @@ class GuidTest : public vektest::LeakCheckedTest {
   }
 };
 
-// True when g has the fixed layout: 'H' stands for an upper-case hex digit,
-// 'C' for a capital letter, 'I' for either.
+// g has the layout: 'H' upper-case hex digit, 'C' capital letter, 'I' either.
 bool well_formed(const std::string& g) {
   static const std::string layout = "HHHHHHHH-HHHH-CCCC-HHHH-IIIIIIIIIIII";
   if (g.size() != layout.size()) return false;
@@ -126,7 +122,7 @@ TEST_F(GuidTest, ConcurrentCallersDrawCounterValuesInSequence) {
 
 class HardwareIdTest : public vektest::LeakCheckedTest {};
 
-TEST_F(HardwareIdTest, ListedInterfacesHaveAddressesAndHexIds) {
+TEST_F(HardwareIdTest, ListedInterfacesHaveAddressesAndHexIdsWithinTheCapacity) {
   const int interfaces = hardwareid_count();
   ASSERT_GE(interfaces, 0);
   HWID_ENTRY entries[64];
@@ -143,12 +139,10 @@ TEST_F(HardwareIdTest, ListedInterfacesHaveAddressesAndHexIds) {
     in_addr addr;
     EXPECT_EQ(1, inet_pton(AF_INET, e.ip, &addr)) << e.ip;
   }
-}
-
-TEST_F(HardwareIdTest, CapacityLimitsTheEntriesFilledAndNullArgumentsFail) {
+  // The capacity limits the entries filled.
   HWID_ENTRY first[2];
   std::memset(first, 0x55, sizeof first);
-  int count = 1;
+  count = 1;
   ASSERT_EQ(0, hardwareid_list(first, &count));
   EXPECT_LE(count, 1);
   EXPECT_EQ(0x55, static_cast<unsigned char>(first[1].type[0]));  // the second slot is untouched

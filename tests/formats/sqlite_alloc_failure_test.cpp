@@ -1,8 +1,4 @@
-// The SQLite layer with its 1st, 2nd, ... allocation failing: open, select,
-// CSV export and CSV import each give a failure result, leave no partial
-// file or half-made handle behind, and free everything they took.
-#include <sys/stat.h>
-
+// SQLite open, select, CSV export and import with each allocation failing: clean failures.
 #include <string>
 
 #include <vekutil/vekutil.h>
@@ -12,12 +8,8 @@
 
 namespace {
 
+using sqltest::exists;
 using vektest::for_each_allocation_failure;
-
-bool exists(const std::string& path) {
-  struct stat st;
-  return stat(path.c_str(), &st) == 0;
-}
 
 class SqliteAllocFailureTest : public vektest::AllocFailureFixture {
  protected:
@@ -72,9 +64,7 @@ TEST_F(SqliteAllocFailureTest, Select) {
   });
 }
 
-// Export, then import that file into a new table: every run either fails
-// with no partial file / with only refused records counted, or moves all 150
-// rows.
+// Export, then import into a new table: each run fails cleanly or moves all 150 rows.
 TEST_F(SqliteAllocFailureTest, CsvExportAndImport) {
   const std::string file = dir_.file("t.csv");
   for_each_allocation_failure([&] {

@@ -1,7 +1,4 @@
-// CSV export and import: the file layout, the import grammar, text that
-// survives a round trip, header names that cannot become SQL, the commit
-// rhythm, failures; and the sqlite3 shell reading our files and writing
-// files for us.
+// CSV export and import, with the sqlite3 shell on both sides.
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -14,12 +11,10 @@
 
 namespace {
 
-using Strings = std::vector<std::string>;
+using sqltest::exists;
+using sqltest::Strings;
 
-bool exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
-
-// In a child process: exports 200,000 rows under a 100 kB file size limit;
-// 0 when the export fails as a write failure and leaves no file behind.
+// In a child: 0 when an export past a 100 kB size limit fails cleanly, leaving no file.
 int export_beyond_size_limit(void* db, const std::string& out) {
   std::signal(SIGXFSZ, SIG_IGN);
   sqlite_exec(db, "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < 200000) "
@@ -60,15 +55,13 @@ class SqliteCsvTest : public sqltest::SqliteTest {
   }
 };
 
-// Text that breaks naive CSV: qualifiers, delimiters, line ends, quotes,
-// percent signs, UTF-8, the empty text, and NULL.
+// Text that breaks naive CSV.
 const char* const kAwkward[] = {
     "plain", "comma, inside", "semi;colon|bar\ttab", "say \"hi\"", "\"", "\"\"", "it's", "100% sure %d %s",
     "line\nbreak", "cr\rlf\r\n", "\r\n", "trailing space ", "  ", "grüße ✓ 日本", "back\\slash", "",
 };
 
-// Table src(id INTEGER, txt TEXT, num REAL, other TEXT) holding every
-// awkward text, some NULLs and one empty text.
+// Table src(id, txt, num, other) with every awkward text, some NULLs, one empty text.
 void fill_awkward(void* db) {
   sqlite_exec(db, "CREATE TABLE src(id INTEGER, txt TEXT, num REAL, other TEXT)");
   int id = 0;
@@ -81,19 +74,13 @@ void fill_awkward(void* db) {
 
 TEST_F(SqliteCsvTest, ExportWritesTheRowsWithoutRowidInTheChosenLayout) {
   exec_ok("CREATE TABLE t(a TEXT, b INT); INSERT INTO t(rowid, a, b) VALUES(5, 'x', 1), (9, 'q\"q', NULL), (7, '', 3)");
-  struct Case {
-    int maxrows;
-    bool header;
-    char delim, qualifier;
-    const char* text;
-  };
-  const Case cases[] = {
+  const struct { int maxrows; bool header; char delim, qualifier; const char* text; } cases[] = {
       {0, false, ',', 0, "x,1\r\n,3\r\nq\"q,\r\n"},
       {0, true, ';', 0, "a;b\r\nx;1\r\n;3\r\nq\"q;\r\n"},
       {2, true, ',', '"', "\"a\",\"b\"\r\n\"x\",\"1\"\r\n\"\",\"3\"\r\n"},
       {5, false, '\t', '\'', "'x'\t'1'\r\n''\t'3'\r\n'q\"q'\t\r\n"},
   };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     int written = 0;
     long long first = 0, last = 0;
     EXPECT_EQ(c.text, export_text("t", c.maxrows, c.header, c.delim, c.qualifier, &written, &first, &last));
@@ -111,15 +98,15 @@ TEST_F(SqliteCsvTest, ExportWritesTheRowsWithoutRowidInTheChosenLayout) {
 
 TEST_F(SqliteCsvTest, ImportReadsTheGrammarAndRefusesWhatItCannotStore) {
   exec_ok("CREATE TABLE t(a, b, c)");
-  struct Case {
+  // counts: "inserted/refused"; rows: quote(a)|quote(b)|quote(c)
+  const struct {
     const char* name;
     std::string text;
     bool header;
     char delim, qualifier;
-    const char* counts;  // inserted/refused
-    Strings rows;        // quote(a)|quote(b)|quote(c)
-  };
-  const Case cases[] = {
+    const char* counts;
+    Strings rows;
+  } cases[] = {
       {"LF, CR LF, no final line end, empty lines", "1,2,3\n\n4,5,6\r\n\r\n7,8,9", false, ',', 0, "3/0",
        {"'1'|'2'|'3'", "'4'|'5'|'6'", "'7'|'8'|'9'"}},
       {"empty is NULL, qualified empty is ''", "\"\",,x\r\n", false, ',', '"', "1/0", {"''|NULL|'x'"}},
@@ -142,7 +129,7 @@ TEST_F(SqliteCsvTest, ImportReadsTheGrammarAndRefusesWhatItCannotStore) {
       {"empty file", "", true, ',', '"', "0/0", {}},
       {"rows SQLite refuses count as refused", "a,nosuch\n1,2\n", true, ',', 0, "0/1", {}},
   };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     exec_ok("DELETE FROM t");
     EXPECT_EQ(c.counts, import(c.text, "t", c.header, c.delim, c.qualifier)) << c.name;
     EXPECT_EQ(c.rows, rows("SELECT quote(a), quote(b), quote(c) FROM t ORDER BY rowid")) << c.name;
@@ -154,10 +141,7 @@ TEST_F(SqliteCsvTest, ImportReadsTheGrammarAndRefusesWhatItCannotStore) {
   EXPECT_EQ((Strings{"'x'", "NULL", "'y'", "NULL", "''", "'z'"}), rows("SELECT quote(v) FROM one ORDER BY rowid"));
 }
 
-// The importer reads 1 MiB at a time. A first record padded so that the end
-// of the first read falls on every byte of some tricky records checks that a
-// record cut anywhere (inside qualifiers, between CR and LF, on a doubled
-// qualifier) reads the same; a 3 MiB field checks that the buffer grows.
+// Reads of 1 MiB end on every byte of tricky records; a 3 MiB field grows the buffer.
 TEST_F(SqliteCsvTest, RecordsCutByTheReadBufferReadTheSame) {
   constexpr size_t kBlock = 1 << 20;
   exec_ok("PRAGMA synchronous = OFF; CREATE TABLE t(a, b)");
@@ -199,19 +183,15 @@ TEST_F(SqliteCsvTest, RoundTripKeepsEveryTextWhenAQualifierIsSet) {
 TEST_F(SqliteCsvTest, HeaderNamesStayColumnNames) {
   exec_ok("CREATE TABLE victim(a); INSERT INTO victim VALUES(1)");
   exec_ok("CREATE TABLE t(a, \"we\"\"ird\", \"x) VALUES (1); DROP TABLE victim; --\")");
-  struct Case {
-    std::string header;
-    const char* counts;
-  };
-  const Case cases[] = {
+  const struct { std::string header; const char* counts; } cases[] = {
       {"a) VALUES (1); DROP TABLE victim; --,b\n", "0/2"},
       {"\"a\"\"); DROP TABLE victim; --\",b\n", "0/2"},
       {"a,\"we\"\"ird\"\n", "2/0"},                                   // a double quote in a real name
       {"a,\"x) VALUES (1); DROP TABLE victim; --\"\n", "2/0"},        // a name that looks like SQL
   };
   Strings statements;
-  sqlite_set_log_callback(db_, [](const char* sql, void* s) { static_cast<Strings*>(s)->push_back(sql); }, &statements);
-  for (const Case& c : cases) {
+  sqlite_set_log_callback(db_, sqltest::collect_statement, &statements);
+  for (const auto& c : cases) {
     statements.clear();
     EXPECT_EQ(c.counts, import(c.header + "1,2\n3,4\n", "t", true, ',', '"')) << c.header;
     for (const std::string& sql : statements)
@@ -230,7 +210,7 @@ TEST_F(SqliteCsvTest, ImportCommitsEveryHundredRecordsAndReportsProgress) {
   std::string text;
   for (int i = 0; i < 250; ++i) text += std::to_string(i == 150 ? 1 : i) + ",x\n";  // record 150 repeats a key
   Strings statements;
-  sqlite_set_log_callback(db_, [](const char* sql, void* s) { static_cast<Strings*>(s)->push_back(sql); }, &statements);
+  sqlite_set_log_callback(db_, sqltest::collect_statement, &statements);
   std::vector<long long> progress;
   sqlite_set_progress_callback(db_, [](void* p, long long rows) { static_cast<std::vector<long long>*>(p)->push_back(rows); },
                                &progress);
@@ -269,8 +249,7 @@ TEST_F(SqliteCsvTest, FailuresAreReportedAndLeaveNoPartialFile) {
   EXPECT_EQ(0, sqlite_transaction_end(db_));
 }
 
-// The shell reads what we export, and writes what we import; both
-// directions are compared table to table.
+// The shell reads what we export and writes what we import, compared table to table.
 TEST_F(SqliteCsvTest, ShellPeerReadsOurFilesAndWritesFilesWeRead) {
   if (!vektest::have_program("sqlite3")) GTEST_SKIP() << "sqlite3 shell not installed";
   fill_awkward(db_);

@@ -1,7 +1,7 @@
-// Shared by the SQLite tests: a fixture with one open database file in a
-// private directory, a helper that reads a query back as text, and the
-// sqlite3 command-line shell as a peer.
+// SQLite tests: one open database in a private directory, queries as text, the sqlite3 shell.
 #pragma once
+
+#include <unistd.h>
 
 #include <string>
 #include <vector>
@@ -13,8 +13,14 @@
 
 namespace sqltest {
 
-// Every row of a query, its values joined by '|' (NULL as "NULL"); ask for
-// quote(x) to see types and exact texts.
+using Strings = std::vector<std::string>;
+
+inline bool exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
+
+// A log callback that collects every statement text into a Strings.
+inline void collect_statement(const char* sql, void* statements) { static_cast<Strings*>(statements)->push_back(sql); }
+
+// Every row of a query, values joined by '|' (NULL as "NULL").
 inline std::vector<std::string> rows(void* db, const std::string& sql) {
   std::vector<std::string> out;
   SQLITE_RESULT* r = sqlite_select(db, "%s", sql.c_str());

@@ -1,7 +1,4 @@
-// Loading SQLite at run time: a path that finds nothing and a library that
-// lacks the functions both give ERR_SQLITE_LOAD and leave nothing loaded;
-// the next call tries again. Its own binary, because SQLite stays loaded
-// once a load succeeded.
+// Failed loads leave nothing loaded; own binary, as SQLite stays loaded once loaded.
 #include <vekutil/errors.h>
 #include <vekutil/sqlite.h>
 
@@ -12,15 +9,11 @@ namespace {
 class SqliteLoadTest : public vektest::LeakCheckedTest {};
 
 TEST_F(SqliteLoadTest, FailedLoadsReportAndTheNextCallRetries) {
-  struct Case {
-    const char* path;
-    const char* logged;
-  };
-  const Case cases[] = {
+  const struct { const char* path; const char* logged; } cases[] = {
       {"/nonexistent-dir/libsqlite3.so", "loader_load(/nonexistent-dir/libsqlite3.so): dlopen failed"},
       {"libm.so.6", "sqlite_init(): function sqlite3_open not found\n"},  // loads, but is not SQLite
   };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     vektest::LogCapture log;
     ASSERT_EQ(0, sqlite_set_library_path(c.path));
     void* db = reinterpret_cast<void*>(1);

@@ -1,7 +1,4 @@
-// The SQLite layer against real database files: statements and their
-// changed-row counts, result tables, the row callback, the log callback,
-// transactions that exclude other threads, backup, column descriptions,
-// damaged files, a database held busy by the sqlite3 shell, refused calls.
+// The SQLite layer on real files, and a database held busy by the sqlite3 shell.
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -10,7 +7,6 @@
 #include <chrono>
 #include <cstdio>
 #include <cstring>
-#include <fstream>
 #include <thread>
 
 #include <vekutil/errors.h>
@@ -19,19 +15,12 @@
 
 namespace {
 
+using sqltest::exists;
 using sqltest::SqliteTest;
-using Strings = std::vector<std::string>;
-
-bool exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
+using sqltest::Strings;
 
 TEST_F(SqliteTest, StatementsReturnChangedRowsOrTheMappedCode) {
-  struct Case {
-    const char* sql;
-    int result;
-    int sqlite_code;  // kept by a failure
-    bool logged;
-  };
-  const Case cases[] = {
+  const struct { const char* sql; int result, sqlite_code /* kept by a failure */; bool logged; } cases[] = {
       {"CREATE TABLE t(id INTEGER PRIMARY KEY, name TEXT UNIQUE, n INT)", 0, 0, false},
       {"INSERT INTO t(name, n) VALUES('a', 1), ('b', 2), ('c', 3)", 3, 0, false},
       {"UPDATE t SET n = n + 1", 3, 0, false},
@@ -43,7 +32,7 @@ TEST_F(SqliteTest, StatementsReturnChangedRowsOrTheMappedCode) {
       {"CREATE TABLE w(k TEXT PRIMARY KEY, v) WITHOUT ROWID; INSERT INTO w VALUES('x', 1), ('y', 2)", 2, 0, false},
       {"SELECT 1", 0, 0, false},
   };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     vektest::LogCapture log;
     EXPECT_EQ(c.result, sqlite_exec(db_, "%s", c.sql)) << c.sql;
     EXPECT_EQ(c.result < 0 ? 0 : c.result, sqlite_result_count(db_)) << c.sql;
@@ -108,8 +97,7 @@ TEST_F(SqliteTest, RowCallbackSeesEveryRowAndMayStopTheStatement) {
 
 TEST_F(SqliteTest, LogCallbackSeesEachTextAsRunAndTheLockingPragmaAsAlwaysSpelled) {
   Strings texts;
-  ASSERT_EQ(0, sqlite_set_log_callback(db_, [](const char* sql, void* custom) { static_cast<Strings*>(custom)->push_back(sql); },
-                                       &texts));
+  ASSERT_EQ(0, sqlite_set_log_callback(db_, sqltest::collect_statement, &texts));
   ASSERT_EQ(0, sqlite_open(db_, path_.c_str()));
   exec_ok("CREATE TABLE t(a)");
   EXPECT_EQ(1, sqlite_exec(db_, "INSERT INTO t VALUES(%Q)", "it's 100%"));
@@ -164,16 +152,12 @@ TEST_F(SqliteTest, BackupCopiesOnlyWhenSomethingChanged) {
 }
 
 TEST_F(SqliteTest, AutoincrementDescribesTheSelfNumberedColumn) {
-  struct Case {
+  const struct {
     const char* create;
     int index;
-    const char* id;
-    const char* name;
-    const char* type;
-    const char* opts;
+    const char *id, *name, *type, *opts;
     int columns;
-  };
-  const Case cases[] = {
+  } cases[] = {
       {"CREATE TABLE t(x TEXT, id INTEGER PRIMARY KEY AUTOINCREMENT NOT NULL, y)", 1, "1", "id", "INTEGER",
        "PRIMARY KEY AUTOINCREMENT NOT NULL", 3},
       {"CREATE TABLE t(k integer primary key, v)", 0, "0", "k", "INTEGER", "PRIMARY KEY", 2},
@@ -182,7 +166,7 @@ TEST_F(SqliteTest, AutoincrementDescribesTheSelfNumberedColumn) {
       {"CREATE TABLE t(a, b, c, d)", -1, nullptr, nullptr, nullptr, nullptr, 4},
   };
   auto text = [](const char* s) { return std::string(s ? s : "<null>"); };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     exec_ok("DROP TABLE IF EXISTS t");
     exec_ok(c.create);
     _AUTOINC ai;
@@ -211,17 +195,12 @@ TEST_F(SqliteTest, OpenRefusesDamagedFilesAndMissingDirectories) {
   vektest::write_file(damaged_path, damaged);
   vektest::write_file(text_path, std::string(8192, 'x'));
 
-  struct Case {
-    std::string path;
-    int result;
-    const char* logged;
-  };
-  const Case cases[] = {
+  const struct { std::string path; int result; const char* logged; } cases[] = {
       {damaged_path, ERR_SQLITE_CORRUPT, "Database["},
       {text_path, ERR_SQLITE_CORRUPT, "PRAGMA integrity_check: [26]"},
       {"/nonexistent-dir/x.db", ERR_SQLITE_FAILED, "sqlite3_open failed[14]"},
   };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     void* other = nullptr;
     ASSERT_EQ(0, sqlite_create(&other));
     vektest::LogCapture log;
@@ -232,8 +211,7 @@ TEST_F(SqliteTest, OpenRefusesDamagedFilesAndMissingDirectories) {
   }
 }
 
-// The shell takes an exclusive lock and then blocks reading a FIFO until the
-// test closes it, so the lock is held exactly as long as the test wants.
+// The shell holds an exclusive lock while it blocks reading a FIFO the test closes.
 TEST_F(SqliteTest, BusyDatabaseFailsAfterAboutTwoSecondsWithOneLogLine) {
   if (!vektest::have_program("sqlite3")) GTEST_SKIP() << "sqlite3 shell not installed";
   exec_ok("CREATE TABLE t(a)");

@@ -1,7 +1,6 @@
 // ctest-labels: tsan
-// Four threads share one handle. Two of them insert in transactions of ten
-// rows, two insert row by row; no foreign row may land inside a transaction
-// and every row must arrive.
+// Four threads share one handle, two in transactions of ten rows: no foreign
+// row inside a transaction, every row arrives.
 #include <thread>
 
 #include "sqlite_fixture.hpp"

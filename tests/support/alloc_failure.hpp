@@ -1,8 +1,5 @@
-// Allocation-failure harness: replaces the library's allocator table with one
-// that fails exactly the Nth allocation, and runs an operation with N = 1, 2,
-// ... until it completes without reaching N. Every run must end with the
-// library's block count back at its start value, whether the operation
-// failed or not (the operation deletes whatever it got).
+// Runs an operation with its Nth allocation failing, N = 1, 2, ... until it
+// completes; each run must leave the block count where it started.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -39,12 +36,9 @@ class FailingAllocator {
 using BlockCensus = std::map<std::string, long>;
 BlockCensus take_block_census();
 
-// What is live now and was not in `before`, or the reverse, as one line per
-// source position; "" when nothing changed. Hash B-tree nodes are the one
-// exception: a process-wide tree (the socket registry, the instrumentation
-// groups) that had an entry added and removed again may keep a node it split
-// off, because nodes are only merged once empty. A few such nodes are
-// tolerated; a tree record, its lock or any other block is not.
+// Blocks that appeared or went since `before`, one line per source position;
+// "" when none. A few hash B-tree nodes are tolerated: process-wide trees
+// keep split-off nodes until they are empty.
 std::string block_changes(const BlockCensus& before);
 
 // A leak-checked test whose check allows for those kept tree nodes.
@@ -60,12 +54,9 @@ class AllocFailureFixture : public LeakCheckedTest {
   BlockCensus census_;
 };
 
-// op() runs the operation, checks the result it gives, releases everything
-// it made and returns true when the operation itself succeeded. Returns the
-// number of runs with a failure injected (at least one allocation must have
-// happened, so a harness that never failed anything is caught). Operations
-// that make thousands of allocations, or that are slow to fail, may fail
-// only every step-th one: N = 1, 1 + step, 1 + 2 * step, ...
+// op() runs, checks, releases and returns true on success. Returns the runs
+// with a failure injected (at least one). Big operations may fail only
+// every step-th allocation: N = 1, 1 + step, ...
 template <typename Op>
 int for_each_allocation_failure(Op op, int max_runs = 20000, int step = 1) {
   FailingAllocator allocator;

@@ -14,6 +14,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
+#include <sstream>
 #include <thread>
 
 namespace vektest {
@@ -67,16 +68,9 @@ int free_udp_port() { return free_port(SOCK_DGRAM); }
 bool have_program(const std::string& name) {
   if (name.find('/') != std::string::npos) return access(name.c_str(), X_OK) == 0;
   const char* path = getenv("PATH");
-  std::string dirs = path ? path : "/usr/bin:/bin";
-  for (const std::string extra : {"/usr/sbin", "/sbin", "/usr/local/sbin"}) dirs += ":" + extra;
-  size_t start = 0;
-  while (start <= dirs.size()) {
-    size_t end = dirs.find(':', start);
-    if (end == std::string::npos) end = dirs.size();
-    std::string candidate = dirs.substr(start, end - start) + "/" + name;
-    if (access(candidate.c_str(), X_OK) == 0) return true;
-    start = end + 1;
-  }
+  std::istringstream dirs(std::string(path ? path : "/usr/bin:/bin") + ":/usr/sbin:/sbin:/usr/local/sbin");
+  for (std::string dir; std::getline(dirs, dir, ':');)
+    if (access((dir + "/" + name).c_str(), X_OK) == 0) return true;
   return false;
 }
 

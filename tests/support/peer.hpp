@@ -1,6 +1,4 @@
-// Real peer programs for network tests: servers and clients from Debian
-// (proxies, FTP and HTTP servers, openssl, sqlite3, ...) started as child
-// processes on loopback and stopped by their process id.
+// Real peer programs, started as child processes on loopback and stopped by pid.
 #pragma once
 
 #include <sys/types.h>
@@ -11,9 +9,7 @@
 
 namespace vektest {
 
-// A loopback TCP port the system handed out just now (bound to port 0, then
-// released). Another process could take it before the caller binds it, which
-// on a test machine is rare enough to accept.
+// A loopback port the system handed out (bound to 0, then released).
 int free_tcp_port();
 // The same for UDP.
 int free_udp_port();
@@ -48,14 +44,12 @@ class PeerProcess {
   pid_t pid_ = -1;
 };
 
-// Runs a command to completion (at most timeout_ms, then it is killed) and
-// returns its exit status, or -1 if it could not run or timed out. Standard
-// output is appended to *out when given; standard input is input_text.
+// Runs a command (killed after timeout_ms) with input_text on standard input,
+// appends standard output to *out; its exit status, or -1.
 int run_program(const std::vector<std::string>& argv, std::string* out = nullptr,
                 const std::string& input_text = "", int timeout_ms = 60000);
 
-// The vekutil tool beside the test binaries in the build tree (build/tools/
-// for build/tests/), or "" when it is not built there (the sanitizer builds).
+// The vekutil tool in the build tree (build/tools/), or "" when not built there.
 std::string tool_path();
 
 }  // namespace vektest

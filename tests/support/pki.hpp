@@ -1,10 +1,6 @@
-// The test certificates every TLS peer uses, made once per test process with
-// the openssl command: a CA; a server certificate (CN 127.0.0.1, also valid
-// for localhost) and a client certificate it signed; a self-signed "rogue"
-// server; the server key encrypted with kPassPhrase; and packed files - the
-// server's certificate, CA and key in packed.pem, the client's certificate,
-// CA and key in client.ca.packed.pem, the client's certificate with its key
-// encrypted with kPassPhrase in client.packed.pem.
+// Test certificates made once per process with openssl: a CA, server
+// (127.0.0.1, localhost) and client certificates, a self-signed rogue, and
+// the packed and pass-phrase variants the script below lists.
 #pragma once
 
 #include <string>

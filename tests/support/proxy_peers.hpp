@@ -1,7 +1,4 @@
-// Proxy programs from Debian as peers, each on its own loopback port with a
-// generated configuration where it needs one: tinyproxy (HTTP CONNECT with
-// Basic authorisation), dante-server (SOCKS4 and SOCKS5, no SOCKS4a) and
-// microsocks (SOCKS5 with a password).
+// Proxy peers: tinyproxy (CONNECT, Basic auth), dante (SOCKS4/5), microsocks (SOCKS5, password).
 #pragma once
 
 #include <string>
@@ -11,8 +8,7 @@
 
 namespace vektest {
 
-// One proxy program on its own loopback port, with a generated
-// configuration where it needs one.
+// One proxy on its own loopback port, with a generated configuration.
 class ProxyPeer {
  public:
   bool start_tinyproxy(const TempDir& dir, const std::string& user, const std::string& pass) {

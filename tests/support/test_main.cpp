@@ -1,5 +1,4 @@
-// Default main of the test binaries: debug-mode allocation, so that every
-// test can check byte and block accounting and a double release is caught.
+// Default main: debug-mode allocation, so tests check bytes and blocks and catch double frees.
 #include <gtest/gtest.h>
 
 #include <vekutil/memory.h>

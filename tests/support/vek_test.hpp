@@ -1,5 +1,4 @@
-// Shared test helpers: a fixture that proves a test gave back every block it
-// took from the library, and a private temporary directory.
+// Shared test helpers: a leak-checked fixture, temporary directories, text and log helpers.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -13,10 +12,8 @@
 
 namespace vektest {
 
-// Checks that the accounted block count (and, in debug mode, the byte count)
-// is back at its starting value when the test ends. The registry groups, which
-// each module makes on first use and keeps for the whole process, are made
-// before the count is taken.
+// Checks that the block (and byte) count is back at its start when the test
+// ends; the process-wide registry groups are made before counting.
 class LeakCheckedTest : public ::testing::Test {
  protected:
   void SetUp() override;

@@ -1,8 +1,7 @@
 // ctest-labels: tsan
 // Threads: creation, the stack-size policy written back, priorities, ids, sleep.
-#include <csignal>
 #include <pthread.h>
-
+#include <signal.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -48,7 +47,12 @@ int stack_after_create(int requested) {
   return ex.stack;
 }
 
-TEST_F(ThreadsTest, JoinReturnsTheResultAndIdsAgree) {
+void* post_semaphore(void* sem) {
+  semaphore_signal(sem);
+  return nullptr;
+}
+
+TEST_F(ThreadsTest, JoinReturnsTheResultIdsAgreeAndDetachedThreadsRun) {
   int seen_inside = 0;
   void* t = nullptr;
   ASSERT_EQ(0, thread_create(&t, report_own_id, &seen_inside));
@@ -62,6 +66,16 @@ TEST_F(ThreadsTest, JoinReturnsTheResultAndIdsAgree) {
   ASSERT_EQ(0, thread_create(&t, do_nothing, nullptr));
   EXPECT_EQ(0, thread_detach(t));
   EXPECT_EQ(0, thread_delete(t));
+
+  void* sem = nullptr;
+  ASSERT_EQ(0, semaphore_create(&sem));
+  ASSERT_EQ(0, thread_create_detached(post_semaphore, sem));
+  THREAD_EX_ARGS ex = {nullptr, 100, 0};
+  ASSERT_EQ(0, thread_create_detached_ex(post_semaphore, sem, &ex));
+  EXPECT_EQ(16384, ex.stack);
+  EXPECT_EQ(0, semaphore_timedwait(sem, 5000));
+  EXPECT_EQ(0, semaphore_timedwait(sem, 5000));
+  EXPECT_EQ(0, semaphore_delete(sem));
 }
 
 TEST_F(ThreadsTest, StackRequestsAreCorrectedAndPriorityStepsAreHarmless) {
@@ -86,23 +100,6 @@ TEST_F(ThreadsTest, StackRequestsAreCorrectedAndPriorityStepsAreHarmless) {
   vektest::LogCapture log;
   EXPECT_EQ(65536, stack_after_create(65536));
   EXPECT_FALSE(log.contains("failed")) << log.text();
-}
-
-void* post_semaphore(void* sem) {
-  semaphore_signal(sem);
-  return nullptr;
-}
-
-TEST_F(ThreadsTest, DetachedThreadsRun) {
-  void* sem = nullptr;
-  ASSERT_EQ(0, semaphore_create(&sem));
-  ASSERT_EQ(0, thread_create_detached(post_semaphore, sem));
-  THREAD_EX_ARGS ex = {nullptr, 100, 0};
-  ASSERT_EQ(0, thread_create_detached_ex(post_semaphore, sem, &ex));
-  EXPECT_EQ(16384, ex.stack);
-  EXPECT_EQ(0, semaphore_timedwait(sem, 5000));
-  EXPECT_EQ(0, semaphore_timedwait(sem, 5000));
-  EXPECT_EQ(0, semaphore_delete(sem));
 }
 
 void ignore_signal(int) {}
