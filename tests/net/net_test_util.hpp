@@ -7,8 +7,11 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
+
+#include <algorithm>
 
 #include <atomic>
 #include <cerrno>
@@ -19,6 +22,8 @@
 #include <vector>
 
 #include <vekutil/vekutil.h>
+
+#include "peer.hpp"
 
 namespace nettest {
 
@@ -248,6 +253,46 @@ inline std::string pattern(size_t n, unsigned seed = 1) {
     s[i] = static_cast<char>(x >> 16);
   }
   return s;
+}
+
+// Raises the soft descriptor limit to at least `wanted` for the object's lifetime.
+class DescriptorLimit {
+ public:
+  explicit DescriptorLimit(rlim_t wanted) {
+    getrlimit(RLIMIT_NOFILE, &saved_);
+    rlimit raised = saved_;
+    raised.rlim_cur = std::max(saved_.rlim_cur, std::min<rlim_t>(wanted, saved_.rlim_max));
+    ok_ = raised.rlim_cur >= wanted && setrlimit(RLIMIT_NOFILE, &raised) == 0;
+  }
+  ~DescriptorLimit() { setrlimit(RLIMIT_NOFILE, &saved_); }
+  DescriptorLimit(const DescriptorLimit&) = delete;
+  DescriptorLimit& operator=(const DescriptorLimit&) = delete;
+  bool ok() const { return ok_; }
+
+ private:
+  rlimit saved_{};
+  bool ok_ = false;
+};
+
+inline std::string hex(const unsigned char* p, size_t n) {
+  static const char digits[] = "0123456789abcdef";
+  std::string s;
+  for (size_t i = 0; i < n; ++i) {
+    s += digits[p[i] >> 4];
+    s += digits[p[i] & 15];
+  }
+  return s;
+}
+
+// AES-CBC by the openssl program (key size from the hex key); with pad,
+// its own padding, else whole blocks only. "<openssl failed>" on failure.
+inline std::string openssl_cbc(bool encrypt, const std::string& key_hex, const std::string& iv_hex,
+                               const std::string& in, bool pad) {
+  std::vector<std::string> argv = {"openssl", "enc", encrypt ? "-e" : "-d",
+                                   "-aes-" + std::to_string(key_hex.size() * 4) + "-cbc", "-K", key_hex, "-iv", iv_hex};
+  if (!pad) argv.push_back("-nopad");
+  std::string out;
+  return vektest::run_program(argv, &out, in) == 0 ? out : "<openssl failed>";
 }
 
 }  // namespace nettest

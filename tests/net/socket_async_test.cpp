@@ -5,7 +5,6 @@
 // ctest-labels: tsan
 #include <fcntl.h>
 #include <sys/epoll.h>
-#include <sys/resource.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -456,10 +455,8 @@ int farm_accept(int status, void* server, void* custom) {
 
 TEST_F(AsyncTest, ThousandClientsOnOneWorkerGetEveryMessageOnceInOrder) {
   const int clients = 1000, messages = kSanitized ? 10 : 100;
-  rlimit limit{};
-  getrlimit(RLIMIT_NOFILE, &limit);
-  limit.rlim_cur = std::max<rlim_t>(limit.rlim_cur, std::min<rlim_t>(limit.rlim_max, 2 * clients + 64));
-  if (setrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur < 2 * clients + 64) GTEST_SKIP() << "too few descriptors";
+  nettest::DescriptorLimit limit(2 * clients + 64);
+  if (!limit.ok()) GTEST_SKIP() << "too few descriptors";
 
   Farm farm;
   Listener listener;

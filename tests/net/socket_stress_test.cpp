@@ -2,7 +2,6 @@
 // Sockets under load: many connect/accept/close cycles, more than 1024
 // descriptors open at once, and one socket used by a sender, a receiver and
 // the instrumentation renderer at the same time.
-#include <sys/resource.h>
 #include <sys/select.h>
 
 #include "net_test_util.hpp"
@@ -40,23 +39,6 @@ TEST_F(SocketStressTest, ConnectAcceptCloseCycles) {
   EXPECT_EQ(0, failures);
   EXPECT_EQ(registered, registered_sockets());
 }
-
-// Raises the soft descriptor limit for the test's lifetime.
-class DescriptorLimit {
- public:
-  explicit DescriptorLimit(rlim_t wanted) {
-    getrlimit(RLIMIT_NOFILE, &saved_);
-    rlimit raised = saved_;
-    raised.rlim_cur = std::min<rlim_t>(wanted, saved_.rlim_max);
-    ok_ = raised.rlim_cur >= wanted && setrlimit(RLIMIT_NOFILE, &raised) == 0;
-  }
-  ~DescriptorLimit() { setrlimit(RLIMIT_NOFILE, &saved_); }
-  bool ok() const { return ok_; }
-
- private:
-  rlimit saved_{};
-  bool ok_ = false;
-};
 
 TEST_F(SocketStressTest, ElevenHundredSocketsWithDescriptorsAbove1024) {
   constexpr int kSockets = 1100;
