@@ -127,17 +127,7 @@ struct Worker {
   }
 };
 
-// The first socket of the process makes the registry for good: before the
-// leak count starts.
-class AsyncTest : public vektest::LeakCheckedTest {
- protected:
-  void SetUp() override {
-    void* warm = nullptr;
-    if (socket_create(&warm) == 0) socket_delete(warm);
-    socket_instrument_handle();
-    vektest::LeakCheckedTest::SetUp();
-  }
-};
+class AsyncTest : public vektest::LeakCheckedTest {};
 
 TEST_F(AsyncTest, RefusedCallsAndCapacity) {
   void* handle = nullptr;
