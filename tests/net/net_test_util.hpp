@@ -45,6 +45,14 @@ inline int local_port(int fd) {
   return ntohs(sin.sin_port);
 }
 
+inline sockaddr_in loopback_addr(int port) {
+  sockaddr_in sin{};
+  sin.sin_family = AF_INET;
+  sin.sin_port = htons(static_cast<uint16_t>(port));
+  sin.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  return sin;
+}
+
 // A raw listening socket on 127.0.0.1 with a port the system chose.
 class RawListener {
  public:
@@ -52,10 +60,8 @@ class RawListener {
     fd_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     int one = 1;
     setsockopt(fd_, SOL_SOCKET, SO_REUSEADDR, &one, sizeof(one));
-    sockaddr_in sin{};
-    sin.sin_family = AF_INET;
-    sin.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    if (bind(fd_, reinterpret_cast<sockaddr*>(&sin), sizeof(sin)) != 0 || listen(fd_, backlog) != 0) {
+    const sockaddr_in sin = loopback_addr(0);
+    if (bind(fd_, reinterpret_cast<const sockaddr*>(&sin), sizeof(sin)) != 0 || listen(fd_, backlog) != 0) {
       close(fd_);
       fd_ = -1;
     }
@@ -80,13 +86,11 @@ class RawListener {
   int fd_ = -1;
 };
 
-inline int raw_connect(int port) {
-  int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in sin{};
-  sin.sin_family = AF_INET;
-  sin.sin_port = htons(static_cast<uint16_t>(port));
-  sin.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  if (connect(fd, reinterpret_cast<sockaddr*>(&sin), sizeof(sin)) != 0) {
+// A raw client of 127.0.0.1:port, or -1; with SOCK_NONBLOCK the handshake may still be under way.
+inline int raw_connect(int port, int flags = 0) {
+  int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | flags, 0);
+  const sockaddr_in sin = loopback_addr(port);
+  if (connect(fd, reinterpret_cast<const sockaddr*>(&sin), sizeof(sin)) != 0 && errno != EINPROGRESS) {
     close(fd);
     return -1;
   }

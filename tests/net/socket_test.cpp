@@ -178,15 +178,7 @@ TEST_F(SocketTest, ConnectFailuresLeaveTheSocketClosed) {
   // A listener whose queue is full answers no more handshakes.
   RawListener full(0);
   std::vector<int> queued;
-  for (int i = 0; i < 4; ++i) {
-    int fd = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-    sockaddr_in sin{};
-    sin.sin_family = AF_INET;
-    sin.sin_port = htons(static_cast<uint16_t>(full.port()));
-    sin.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    connect(fd, reinterpret_cast<sockaddr*>(&sin), sizeof(sin));
-    queued.push_back(fd);
-  }
+  for (int i = 0; i < 4; ++i) queued.push_back(raw_connect(full.port(), SOCK_NONBLOCK));
   watch(s.get());
   EXPECT_EQ(ERR_TIMEOUT, socket_connect_ex(s.get(), full.addr().c_str(), 200));
   EXPECT_EQ(ERR_TIMEOUT, socket_error(s.get()));

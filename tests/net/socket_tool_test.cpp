@@ -44,11 +44,8 @@ std::string cbc(bool encrypt, const std::string& in) { return openssl_cbc(encryp
 
 bool port_bound(int port) {
   int probe = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in sin{};
-  sin.sin_family = AF_INET;
-  sin.sin_port = htons(static_cast<uint16_t>(port));
-  sin.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  const bool taken = bind(probe, reinterpret_cast<sockaddr*>(&sin), sizeof sin) != 0;
+  const sockaddr_in sin = loopback_addr(port);
+  const bool taken = bind(probe, reinterpret_cast<const sockaddr*>(&sin), sizeof sin) != 0;
   close(probe);
   return taken;
 }
