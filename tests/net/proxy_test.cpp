@@ -3,14 +3,9 @@
 // without username/password), microsocks (SOCKS5 with username/password),
 // and a short Python SOCKS4a server (dante does not speak 4a). Fake proxies
 // on raw sockets give malformed and missing replies.
-#include <sys/wait.h>
-
-#include <fstream>
-#include <functional>
 #include <memory>
 
 #include "net_test_util.hpp"
-#include "peer.hpp"
 #include "vek_test.hpp"
 
 namespace {

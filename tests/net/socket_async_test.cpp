@@ -1,7 +1,5 @@
-// Asynchronous socket handler: refused calls and capacity, what each callback
-// return value does, the statuses, the order of one pass, accepting on the
-// default workers, deletion, a thousand clients on one worker, and
-// registrations changed by other threads and by callbacks meanwhile.
+// Asynchronous socket handler: its calls, callback results and statuses,
+// deletion, scale, and registrations changed while a worker dispatches.
 // ctest-labels: tsan
 #include <fcntl.h>
 #include <sys/epoll.h>
@@ -11,10 +9,6 @@
 #include <future>
 #include <memory>
 #include <mutex>
-
-#include <vekutil/errors.h>
-#include <vekutil/instrument.h>
-#include <vekutil/socket.async.h>
 
 #include "net_test_util.hpp"
 #include "vek_test.hpp"

@@ -1,7 +1,6 @@
 // Stream sockets on loopback: the library on both ends and raw POSIX peers
 // on the other, the dispatcher contract, failures of the peer,
 // the logging callbacks, statistics, registry and address helpers.
-#include <net/if.h>
 #include <sys/select.h>
 
 #include <functional>

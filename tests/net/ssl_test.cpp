@@ -11,7 +11,6 @@
 
 #include "alloc_failure.hpp"
 #include "net_test_util.hpp"
-#include "peer.hpp"
 #include "pki.hpp"
 #include "vek_test.hpp"
 

@@ -2,7 +2,6 @@
 #include <functional>
 
 #include "net_test_util.hpp"
-#include "peer.hpp"
 #include "vek_test.hpp"
 
 namespace {
