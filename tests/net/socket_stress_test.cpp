@@ -47,8 +47,6 @@ TEST_F(SocketStressTest, ElevenHundredSocketsWithDescriptorsAbove1024) {
   Listener l;
   ASSERT_EQ(0, l.rc());
   std::vector<Sock> clients, accepted;
-  clients.reserve(kSockets);
-  accepted.reserve(kSockets);
   for (int i = 0; i < kSockets; ++i) {
     clients.emplace_back();
     ASSERT_EQ(0, socket_connect(clients.back().get(), l.addr().c_str())) << i;

@@ -222,9 +222,7 @@ TEST_F(SocketTest, LibraryOnBothEndsMovesExactBytes) {
   const std::string up = pattern(3 << 20, 1), down = pattern(2 << 20, 2);
   std::string got_up(up.size(), '\0'), got_down(down.size(), '\0');
   std::thread sender([&] { EXPECT_EQ(0, socket_send2(p.client.get(), up.data(), (int)up.size(), 10000)); });
-  std::thread replier([&] {
-    EXPECT_EQ(0, socket_send2(p.server.get(), down.data(), (int)down.size(), 10000));
-  });
+  std::thread replier([&] { EXPECT_EQ(0, socket_send2(p.server.get(), down.data(), (int)down.size(), 10000)); });
   EXPECT_EQ(0, socket_recv(p.server.get(), got_up.data(), (int)got_up.size(), 10000));
   EXPECT_EQ(0, socket_recv(p.client.get(), got_down.data(), (int)got_down.size(), 10000));
   sender.join();
