@@ -16,6 +16,7 @@
 #include <atomic>
 #include <cerrno>
 #include <cstring>
+#include <functional>
 #include <string>
 #include <thread>
 #include <utility>
@@ -146,13 +147,13 @@ inline void reset_close(int fd) {
   close(fd);
 }
 
-// A raw echo server: one thread serving clients one after another until
-// the object goes away, greeting each first (so a client that read past
-// what was meant for it would swallow the greeting).
-class EchoServer {
+// A raw server: one thread hands clients, one after another, to serve(fd,
+// stop) until the object goes away; the descriptor is closed after.
+class RawServer {
  public:
-  explicit EchoServer(std::string greeting = "") : greeting_(std::move(greeting)), thread_([this] { run(); }) {}
-  ~EchoServer() {
+  using Serve = std::function<void(int fd, const std::atomic<bool>& stop)>;
+  explicit RawServer(Serve serve) : serve_(std::move(serve)), thread_([this] { run(); }) {}
+  ~RawServer() {
     stop_ = true;
     thread_.join();
   }
@@ -164,26 +165,34 @@ class EchoServer {
     while (!stop_) {
       int fd = listener_.accept_fd(50);
       if (fd < 0) continue;
-      write_all(fd, greeting_);
-      char buf[65536];
-      for (;;) {
-        pollfd p{fd, POLLIN, 0};
-        if (poll(&p, 1, 50) == 0) {
-          if (stop_) break;
-          continue;
-        }
-        ssize_t n = recv(fd, buf, sizeof(buf), 0);
-        if (n <= 0 || !write_all(fd, buf, static_cast<size_t>(n))) break;
-      }
+      serve_(fd, stop_);
       close(fd);
     }
   }
 
   RawListener listener_;
-  std::string greeting_;
+  Serve serve_;
   std::atomic<bool> stop_{false};
   std::thread thread_;
 };
+
+// Greets each client first (so a client that read past what was meant for
+// it would swallow the greeting), then echoes.
+inline RawServer::Serve echo_after(std::string greeting) {
+  return [greeting](int fd, const std::atomic<bool>& stop) {
+    write_all(fd, greeting);
+    char buf[65536];
+    for (;;) {
+      pollfd p{fd, POLLIN, 0};
+      if (poll(&p, 1, 50) == 0) {
+        if (stop) break;
+        continue;
+      }
+      ssize_t n = recv(fd, buf, sizeof(buf), 0);
+      if (n <= 0 || !write_all(fd, buf, static_cast<size_t>(n))) break;
+    }
+  };
+}
 
 // A library socket deleted at the end of the scope.
 class Sock {

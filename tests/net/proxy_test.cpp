@@ -15,38 +15,16 @@ using namespace nettest;
 const std::string kGreeting = "hello from target\n";
 
 // A fake proxy: answers every client with a canned reply, then holds the
-// connection until the client gives up (or closes it at once).
-class FakeProxy {
- public:
-  FakeProxy(std::string reply, bool hold) : reply_(std::move(reply)), hold_(hold) {
-    thread_ = std::thread([this] { run(); });
-  }
-  ~FakeProxy() {
-    stop_ = true;
-    thread_.join();
-  }
-  std::string addr() const { return listener_.addr(); }
-
- private:
-  void run() {
-    while (!stop_) {
-      int fd = listener_.accept_fd(50);
-      if (fd < 0) continue;
-      read_exact(fd, 1, 1000);
-      if (!reply_.empty()) write_all(fd, reply_);
-      // Without holding, an orderly end (unread request bytes would turn a
-      // plain close into a reset).
-      if (!hold_) shutdown(fd, SHUT_WR);
-      read_to_end(fd, 2000);
-      close(fd);
-    }
-  }
-  RawListener listener_;
-  std::string reply_;
-  bool hold_;
-  std::atomic<bool> stop_{false};
-  std::thread thread_;
-};
+// connection until the client gives up, or ends it in order (unread request
+// bytes would turn a plain close into a reset).
+RawServer::Serve fake_proxy(std::string reply, bool hold) {
+  return [=](int fd, const std::atomic<bool>&) {
+    read_exact(fd, 1, 1000);
+    write_all(fd, reply);
+    if (!hold) shutdown(fd, SHUT_WR);
+    read_to_end(fd, 2000);
+  };
+}
 
 // The target greets every client first.
 void expect_greeting(void* s) {
@@ -123,8 +101,8 @@ class ProxyTest : public vektest::LeakCheckedTest {
   }
 
   vektest::TempDir dir_;
-  EchoServer target_{kGreeting};
-  EchoServer forbidden_{kGreeting};  // a second target on a port the proxies refuse
+  RawServer target_{echo_after(kGreeting)};
+  RawServer forbidden_{echo_after(kGreeting)};  // a second target on a port the proxies refuse
   const std::string to_ = target_.addr(), by_name_ = "localhost:" + std::to_string(target_.port()),
                     barred_ = forbidden_.addr();
 
@@ -288,7 +266,7 @@ TEST_F(ProxyTest, MalformedMissingAndRefusedArguments) {
   };
   for (const auto& f : fakes) {
     SCOPED_TRACE(f.what);
-    FakeProxy fake(f.reply, f.expected != ERR_SOCKET_CLOSED);
+    RawServer fake(fake_proxy(f.reply, f.expected != ERR_SOCKET_CLOSED));
     std::string addr = fake.addr();
     SOCKET_PROXY_INFO info{f.type, addr.data(), nullptr, nullptr};
     Sock s;
