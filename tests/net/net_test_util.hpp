@@ -194,6 +194,12 @@ inline RawServer::Serve echo_after(std::string greeting) {
   };
 }
 
+inline int registered_sockets() {
+  int n = 0;
+  socket_foreach([](const void*, void* count) { ++*static_cast<int*>(count); }, &n);
+  return n;
+}
+
 // A library socket deleted at the end of the scope.
 class Sock {
  public:

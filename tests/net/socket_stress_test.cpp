@@ -13,12 +13,6 @@ using namespace nettest;
 
 class SocketStressTest : public vektest::LeakCheckedTest {};
 
-int registered_sockets() {
-  int n = 0;
-  socket_foreach([](const void*, void* count) { ++*static_cast<int*>(count); }, &n);
-  return n;
-}
-
 TEST_F(SocketStressTest, ConnectAcceptCloseCycles) {
   Listener l;
   ASSERT_EQ(0, l.rc());

@@ -424,19 +424,14 @@ TEST_F(SocketTest, ListenAndAcceptEdges) {
   socket_unlisten(srv);
 }
 
-void count_socket(const void*, void* n) { ++*static_cast<int*>(n); }
-
 TEST_F(SocketTest, RegistryAndInstrumentationListLiveSockets) {
-  int before = 0;
-  socket_foreach(count_socket, &before);
+  const int before = registered_sockets();
   Pair p = connect_pair(listener());
   ASSERT_TRUE(p.server);
   void* made_here = nullptr;
   const int line = __LINE__ + 1;
   ASSERT_EQ(0, SOCKET_CREATE(&made_here));
-  int during = 0;
-  socket_foreach(count_socket, &during);
-  EXPECT_EQ(before + 3, during);
+  EXPECT_EQ(before + 3, registered_sockets());
 
   JSON* list = nullptr;
   ASSERT_EQ(0, instrument_list(socket_instrument_handle(), &list));
@@ -467,9 +462,7 @@ TEST_F(SocketTest, RegistryAndInstrumentationListLiveSockets) {
       << d;
   socket_delete(made_here);
   EXPECT_EQ(ERR_NOT_FOUND, instrument_detail(socket_instrument_handle(), vektest::registry_key(made_here), &detail));
-  int after = 0;
-  socket_foreach(count_socket, &after);
-  EXPECT_EQ(before + 2, after);
+  EXPECT_EQ(before + 2, registered_sockets());
 }
 
 // ---- address helpers, select, queues ---------------------------------------------------
