@@ -570,17 +570,6 @@ TEST_F(SocketTest, CloseReconnectAndDelete) {
   EXPECT_EQ(ERR_SOCKET_RECV, socket_recv(second.get(), buf, 1, 1000));
 }
 
-bool registered(void* socket) {
-  std::pair<void*, bool> search{socket, false};
-  socket_foreach(
-      [](const void* elem, void* custom) {
-        auto* s = static_cast<std::pair<void*, bool>*>(custom);
-        s->second = s->second || elem == s->first;
-      },
-      &search);
-  return search.second;
-}
-
 // Listen, create, connect, accept, secure both ends, one message each way and
 // the local address: whichever allocation fails, the step gives ERR_NO_MEMORY
 // (a socket handed out is a registered one), and once the caller has deleted
@@ -590,13 +579,14 @@ bool whole_exchange() {
   void *server = nullptr, *client = nullptr, *accepted = nullptr;
   char* local = nullptr;
   char line[8] = {};
+  const int before = registered_sockets();
   int rc = socket_listen(&server, "127.0.0.1:0");
   if (rc == 0) rc = socket_create(&client);
-  EXPECT_TRUE(rc == 0 ? registered(client) : client == nullptr) << "a socket handed out unregistered";
+  EXPECT_TRUE(rc == 0 ? registered_sockets() == before + 1 : client == nullptr) << "a socket handed out unregistered";
   const std::string addr = rc == 0 ? loopback(local_port(static_cast<SERVER_SOCKET*>(server)->s)) : "";
   if (rc == 0) rc = socket_connect_ex(client, addr.c_str(), 2000);
   if (rc == 0 && !(accepted = socket_accept(server, 2000))) rc = socket_error(server);
-  EXPECT_TRUE(rc != 0 || registered(accepted)) << "an accepted socket missing from the registry";
+  EXPECT_TRUE(rc != 0 || registered_sockets() == before + 2) << "an accepted socket missing from the registry";
   if (rc == 0) rc = stcp_morph(client, key, iv, 128);
   if (rc == 0) rc = stcp_morph(accepted, key, iv, 128);
   if (rc == 0) {
