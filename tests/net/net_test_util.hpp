@@ -7,18 +7,24 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
+
+#include <algorithm>
 
 #include <atomic>
 #include <cerrno>
 #include <cstring>
+#include <functional>
 #include <string>
 #include <thread>
 #include <utility>
 #include <vector>
 
 #include <vekutil/vekutil.h>
+
+#include "peer.hpp"
 
 namespace nettest {
 
@@ -40,6 +46,14 @@ inline int local_port(int fd) {
   return ntohs(sin.sin_port);
 }
 
+inline sockaddr_in loopback_addr(int port) {
+  sockaddr_in sin{};
+  sin.sin_family = AF_INET;
+  sin.sin_port = htons(static_cast<uint16_t>(port));
+  sin.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  return sin;
+}
+
 // A raw listening socket on 127.0.0.1 with a port the system chose.
 class RawListener {
  public:
@@ -47,10 +61,8 @@ class RawListener {
     fd_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     int one = 1;
     setsockopt(fd_, SOL_SOCKET, SO_REUSEADDR, &one, sizeof(one));
-    sockaddr_in sin{};
-    sin.sin_family = AF_INET;
-    sin.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    if (bind(fd_, reinterpret_cast<sockaddr*>(&sin), sizeof(sin)) != 0 || listen(fd_, backlog) != 0) {
+    const sockaddr_in sin = loopback_addr(0);
+    if (bind(fd_, reinterpret_cast<const sockaddr*>(&sin), sizeof(sin)) != 0 || listen(fd_, backlog) != 0) {
       close(fd_);
       fd_ = -1;
     }
@@ -75,13 +87,11 @@ class RawListener {
   int fd_ = -1;
 };
 
-inline int raw_connect(int port) {
-  int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in sin{};
-  sin.sin_family = AF_INET;
-  sin.sin_port = htons(static_cast<uint16_t>(port));
-  sin.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  if (connect(fd, reinterpret_cast<sockaddr*>(&sin), sizeof(sin)) != 0) {
+// A raw client of 127.0.0.1:port, or -1; with SOCK_NONBLOCK the handshake may still be under way.
+inline int raw_connect(int port, int flags = 0) {
+  int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | flags, 0);
+  const sockaddr_in sin = loopback_addr(port);
+  if (connect(fd, reinterpret_cast<const sockaddr*>(&sin), sizeof(sin)) != 0 && errno != EINPROGRESS) {
     close(fd);
     return -1;
   }
@@ -137,13 +147,13 @@ inline void reset_close(int fd) {
   close(fd);
 }
 
-// A raw echo server: one thread serving clients one after another until
-// the object goes away, greeting each first (so a client that read past
-// what was meant for it would swallow the greeting).
-class EchoServer {
+// A raw server: one thread hands clients, one after another, to serve(fd,
+// stop) until the object goes away; the descriptor is closed after.
+class RawServer {
  public:
-  explicit EchoServer(std::string greeting = "") : greeting_(std::move(greeting)), thread_([this] { run(); }) {}
-  ~EchoServer() {
+  using Serve = std::function<void(int fd, const std::atomic<bool>& stop)>;
+  explicit RawServer(Serve serve) : serve_(std::move(serve)), thread_([this] { run(); }) {}
+  ~RawServer() {
     stop_ = true;
     thread_.join();
   }
@@ -155,26 +165,40 @@ class EchoServer {
     while (!stop_) {
       int fd = listener_.accept_fd(50);
       if (fd < 0) continue;
-      write_all(fd, greeting_);
-      char buf[65536];
-      for (;;) {
-        pollfd p{fd, POLLIN, 0};
-        if (poll(&p, 1, 50) == 0) {
-          if (stop_) break;
-          continue;
-        }
-        ssize_t n = recv(fd, buf, sizeof(buf), 0);
-        if (n <= 0 || !write_all(fd, buf, static_cast<size_t>(n))) break;
-      }
+      serve_(fd, stop_);
       close(fd);
     }
   }
 
   RawListener listener_;
-  std::string greeting_;
+  Serve serve_;
   std::atomic<bool> stop_{false};
   std::thread thread_;
 };
+
+// Greets each client first (so a client that read past what was meant for
+// it would swallow the greeting), then echoes.
+inline RawServer::Serve echo_after(std::string greeting) {
+  return [greeting](int fd, const std::atomic<bool>& stop) {
+    write_all(fd, greeting);
+    char buf[65536];
+    for (;;) {
+      pollfd p{fd, POLLIN, 0};
+      if (poll(&p, 1, 50) == 0) {
+        if (stop) break;
+        continue;
+      }
+      ssize_t n = recv(fd, buf, sizeof(buf), 0);
+      if (n <= 0 || !write_all(fd, buf, static_cast<size_t>(n))) break;
+    }
+  };
+}
+
+inline int registered_sockets() {
+  int n = 0;
+  socket_foreach([](const void*, void* count) { ++*static_cast<int*>(count); }, &n);
+  return n;
+}
 
 // A library socket deleted at the end of the scope.
 class Sock {
@@ -248,6 +272,46 @@ inline std::string pattern(size_t n, unsigned seed = 1) {
     s[i] = static_cast<char>(x >> 16);
   }
   return s;
+}
+
+// Raises the soft descriptor limit to at least `wanted` for the object's lifetime.
+class DescriptorLimit {
+ public:
+  explicit DescriptorLimit(rlim_t wanted) {
+    getrlimit(RLIMIT_NOFILE, &saved_);
+    rlimit raised = saved_;
+    raised.rlim_cur = std::max(saved_.rlim_cur, std::min<rlim_t>(wanted, saved_.rlim_max));
+    ok_ = raised.rlim_cur >= wanted && setrlimit(RLIMIT_NOFILE, &raised) == 0;
+  }
+  ~DescriptorLimit() { setrlimit(RLIMIT_NOFILE, &saved_); }
+  DescriptorLimit(const DescriptorLimit&) = delete;
+  DescriptorLimit& operator=(const DescriptorLimit&) = delete;
+  bool ok() const { return ok_; }
+
+ private:
+  rlimit saved_{};
+  bool ok_ = false;
+};
+
+inline std::string hex(const unsigned char* p, size_t n) {
+  static const char digits[] = "0123456789abcdef";
+  std::string s;
+  for (size_t i = 0; i < n; ++i) {
+    s += digits[p[i] >> 4];
+    s += digits[p[i] & 15];
+  }
+  return s;
+}
+
+// AES-CBC by the openssl program (key size from the hex key); with pad,
+// its own padding, else whole blocks only. "<openssl failed>" on failure.
+inline std::string openssl_cbc(bool encrypt, const std::string& key_hex, const std::string& iv_hex,
+                               const std::string& in, bool pad) {
+  std::vector<std::string> argv = {"openssl", "enc", encrypt ? "-e" : "-d",
+                                   "-aes-" + std::to_string(key_hex.size() * 4) + "-cbc", "-K", key_hex, "-iv", iv_hex};
+  if (!pad) argv.push_back("-nopad");
+  std::string out;
+  return vektest::run_program(argv, &out, in) == 0 ? out : "<openssl failed>";
 }
 
 }  // namespace nettest

@@ -3,55 +3,35 @@
 // without username/password), microsocks (SOCKS5 with username/password),
 // and a short Python SOCKS4a server (dante does not speak 4a). Fake proxies
 // on raw sockets give malformed and missing replies.
-#include <sys/wait.h>
-
-#include <fstream>
-#include <functional>
 #include <memory>
 
 #include "net_test_util.hpp"
-#include "peer.hpp"
 #include "vek_test.hpp"
 
 namespace {
 
 using namespace nettest;
 
-constexpr const char* kGreeting = "hello from target\n";
+const std::string kGreeting = "hello from target\n";
 
 // A fake proxy: answers every client with a canned reply, then holds the
-// connection until the client gives up (or closes it at once).
-class FakeProxy {
- public:
-  FakeProxy(std::string reply, bool hold) : reply_(std::move(reply)), hold_(hold) {
-    thread_ = std::thread([this] { run(); });
-  }
-  ~FakeProxy() {
-    stop_ = true;
-    thread_.join();
-  }
-  std::string addr() const { return listener_.addr(); }
+// connection until the client gives up, or ends it in order (unread request
+// bytes would turn a plain close into a reset).
+RawServer::Serve fake_proxy(std::string reply, bool hold) {
+  return [=](int fd, const std::atomic<bool>&) {
+    read_exact(fd, 1, 1000);
+    write_all(fd, reply);
+    if (!hold) shutdown(fd, SHUT_WR);
+    read_to_end(fd, 2000);
+  };
+}
 
- private:
-  void run() {
-    while (!stop_) {
-      int fd = listener_.accept_fd(50);
-      if (fd < 0) continue;
-      read_exact(fd, 1, 1000);
-      if (!reply_.empty()) write_all(fd, reply_);
-      // Without holding, an orderly end (unread request bytes would turn a
-      // plain close into a reset).
-      if (!hold_) shutdown(fd, SHUT_WR);
-      read_to_end(fd, 2000);
-      close(fd);
-    }
-  }
-  RawListener listener_;
-  std::string reply_;
-  bool hold_;
-  std::atomic<bool> stop_{false};
-  std::thread thread_;
-};
+// The target greets every client first.
+void expect_greeting(void* s) {
+  std::string greeting(kGreeting.size(), '\0');
+  ASSERT_EQ(0, socket_recv(s, greeting.data(), (int)greeting.size(), 5000));
+  EXPECT_EQ(kGreeting, greeting);
+}
 
 // One case through a proxy, and what must come of it.
 struct Tunnel {
@@ -81,9 +61,20 @@ class ProxyTest : public vektest::LeakCheckedTest {
     vektest::write_file(dir_.file(name), text);
     return dir_.file(name);
   }
+  // Dante on port, refusing the forbidden target, with the given SOCKS method.
+  std::string dante_config(int port, const std::string& method) {
+    return write_config("danted.conf",
+                        "logoutput: " + dir_.file("d.log") + "\ninternal: 127.0.0.1 port = " + std::to_string(port) +
+                            "\nexternal: 127.0.0.1\nclientmethod: none\nsocksmethod: " + method +
+                            "\nuser.privileged: root\nuser.unprivileged: nobody\n" +
+                            "client pass { from: 127.0.0.0/8 to: 0.0.0.0/0 }\n" +
+                            "socks block { from: 0.0.0.0/0 to: 0.0.0.0/0 port = " + std::to_string(forbidden_.port()) +
+                            " }\nsocks pass { from: 127.0.0.0/8 to: 127.0.0.0/8 }\n");
+  }
   std::string logs() const {
     std::string all;
-    for (size_t i = 1; i <= proxies_.size(); ++i) all += vektest::read_file(dir_.file("proxy" + std::to_string(i) + ".log"));
+    for (size_t i = 1; i <= proxies_.size(); ++i)
+      all += vektest::read_file(dir_.file("proxy" + std::to_string(i) + ".log"));
     return all;
   }
 
@@ -101,9 +92,7 @@ class ProxyTest : public vektest::LeakCheckedTest {
         EXPECT_EQ(c.expected, socket_error(s.get()));
         continue;
       }
-      char greeting[sizeof("hello from target\n") - 1];
-      ASSERT_EQ(0, socket_recv(s.get(), greeting, sizeof greeting, 5000));
-      EXPECT_EQ(kGreeting, std::string(greeting, sizeof greeting));
+      expect_greeting(s.get());
       ASSERT_EQ(0, socket_send(s.get(), "ping", 4));
       char echo[4];
       ASSERT_EQ(0, socket_recv(s.get(), echo, 4, 5000));
@@ -112,8 +101,10 @@ class ProxyTest : public vektest::LeakCheckedTest {
   }
 
   vektest::TempDir dir_;
-  EchoServer target_{kGreeting};
-  EchoServer forbidden_{kGreeting};  // a second target on a port the proxies refuse
+  RawServer target_{echo_after(kGreeting)};
+  RawServer forbidden_{echo_after(kGreeting)};  // a second target on a port the proxies refuse
+  const std::string to_ = target_.addr(), by_name_ = "localhost:" + std::to_string(target_.port()),
+                    barred_ = forbidden_.addr();
 
  private:
   std::vector<std::unique_ptr<vektest::PeerProcess>> proxies_;
@@ -130,52 +121,33 @@ TEST_F(ProxyTest, TinyproxyHttpConnect) {
   ASSERT_TRUE(start({"tinyproxy", "-d", "-c", write_config("auth.conf", config(auth_port, "BasicAuth alice s3cret\n"))},
                     auth_port));
   run_cases(loopback(open_port), {
-                                     {"plain", SOCKET_PROXY_HTTP, nullptr, nullptr, target_.addr(), 0},
-                                     {"by name", SOCKET_PROXY_HTTP, nullptr, nullptr,
-                                      "localhost:" + std::to_string(target_.port()), 0},
-                                     {"forbidden port", SOCKET_PROXY_HTTP, nullptr, nullptr, forbidden_.addr(),
-                                      ERR_SOCKET_PROXY_REFUSED},
-                                 });
+      {"plain", SOCKET_PROXY_HTTP, nullptr, nullptr, to_, 0},
+      {"by name", SOCKET_PROXY_HTTP, nullptr, nullptr, by_name_, 0},
+      {"forbidden port", SOCKET_PROXY_HTTP, nullptr, nullptr, barred_, ERR_SOCKET_PROXY_REFUSED},
+  });
   run_cases(loopback(auth_port), {
-                                     {"authorised", SOCKET_PROXY_HTTP, "alice", "s3cret", target_.addr(), 0},
-                                     {"wrong password", SOCKET_PROXY_HTTP, "alice", "wrong", target_.addr(),
-                                      ERR_SOCKET_PROXY_AUTH},
-                                     {"no credentials", SOCKET_PROXY_HTTP, nullptr, nullptr, target_.addr(),
-                                      ERR_SOCKET_PROXY_AUTH},
-                                 });
-}
-
-std::string dante_config(int port, int forbidden_port, const std::string& method, const std::string& log) {
-  return "logoutput: " + log + "\ninternal: 127.0.0.1 port = " + std::to_string(port) +
-         "\nexternal: 127.0.0.1\nclientmethod: none\nsocksmethod: " + method +
-         "\nuser.privileged: root\nuser.unprivileged: nobody\n"
-         "client pass { from: 127.0.0.0/8 to: 0.0.0.0/0 }\n"
-         "socks block { from: 0.0.0.0/0 to: 0.0.0.0/0 port = " +
-         std::to_string(forbidden_port) +
-         " }\n"
-         "socks pass { from: 127.0.0.0/8 to: 127.0.0.0/8 }\n";
+      {"authorised", SOCKET_PROXY_HTTP, "alice", "s3cret", to_, 0},
+      {"wrong password", SOCKET_PROXY_HTTP, "alice", "wrong", to_, ERR_SOCKET_PROXY_AUTH},
+      {"no credentials", SOCKET_PROXY_HTTP, nullptr, nullptr, to_, ERR_SOCKET_PROXY_AUTH},
+  });
 }
 
 TEST_F(ProxyTest, DanteSocks4AndSocks5) {
   if (!vektest::have_program("danted")) GTEST_SKIP() << "danted missing";
   if (geteuid() != 0) GTEST_SKIP() << "dante needs root to switch to its unprivileged user";
   const int port = vektest::free_tcp_port();
-  const std::string conf = write_config("danted.conf", dante_config(port, forbidden_.port(), "none", dir_.file("d.log")));
-  ASSERT_TRUE(start({"danted", "-f", conf, "-N", "1"}, port)) << vektest::read_file(dir_.file("d.log"));
-  const std::string by_name = "localhost:" + std::to_string(target_.port());
+  ASSERT_TRUE(start({"danted", "-f", dante_config(port, "none"), "-N", "1"}, port))
+      << vektest::read_file(dir_.file("d.log"));
   run_cases(loopback(port), {
-                                {"SOCKS4", SOCKET_PROXY_SOCKS4, "anyone", nullptr, target_.addr(), 0},
-                                {"SOCKS4 resolved here", SOCKET_PROXY_SOCKS4, nullptr, nullptr, by_name, 0},
-                                {"SOCKS4 forbidden port", SOCKET_PROXY_SOCKS4, nullptr, nullptr, forbidden_.addr(),
-                                 ERR_SOCKET_PROXY_REFUSED},
-                                {"SOCKS4 unknown name", SOCKET_PROXY_SOCKS4, nullptr, nullptr, "nowhere.invalid:80",
-                                 ERR_SOCKET_HOST_NOT_FOUND},
-                                {"SOCKS5", SOCKET_PROXY_SOCKS5, nullptr, nullptr, target_.addr(), 0},
-                                {"SOCKS5 by name", SOCKET_PROXY_SOCKS5, nullptr, nullptr, by_name, 0},
-                                {"SOCKS5 offering credentials", SOCKET_PROXY_SOCKS5, "u", "p", target_.addr(), 0},
-                                {"SOCKS5 forbidden port", SOCKET_PROXY_SOCKS5, nullptr, nullptr, forbidden_.addr(),
-                                 ERR_SOCKET_PROXY_REFUSED},
-                            });
+      {"SOCKS4", SOCKET_PROXY_SOCKS4, "anyone", nullptr, to_, 0},
+      {"SOCKS4 resolved here", SOCKET_PROXY_SOCKS4, nullptr, nullptr, by_name_, 0},
+      {"SOCKS4 forbidden port", SOCKET_PROXY_SOCKS4, nullptr, nullptr, barred_, ERR_SOCKET_PROXY_REFUSED},
+      {"SOCKS4 unknown name", SOCKET_PROXY_SOCKS4, nullptr, nullptr, "nowhere.invalid:80", ERR_SOCKET_HOST_NOT_FOUND},
+      {"SOCKS5", SOCKET_PROXY_SOCKS5, nullptr, nullptr, to_, 0},
+      {"SOCKS5 by name", SOCKET_PROXY_SOCKS5, nullptr, nullptr, by_name_, 0},
+      {"SOCKS5 offering credentials", SOCKET_PROXY_SOCKS5, "u", "p", to_, 0},
+      {"SOCKS5 forbidden port", SOCKET_PROXY_SOCKS5, nullptr, nullptr, barred_, ERR_SOCKET_PROXY_REFUSED},
+  });
 }
 
 // Dante checks usernames against the system's password files. The test
@@ -190,22 +162,19 @@ TEST_F(ProxyTest, DanteSocks5WithUsernameAndPassword) {
   hash.erase(hash.find_last_not_of("\n") + 1);
   vektest::write_file(dir_.file("passwd"),
                       vektest::read_file("/etc/passwd") + "vekproxy:x:64123:65534::/nonexistent:/usr/sbin/nologin\n");
-  vektest::write_file(dir_.file("shadow"), vektest::read_file("/etc/shadow") + "vekproxy:" + hash + ":19000:0:99999:7:::\n");
+  vektest::write_file(dir_.file("shadow"),
+                      vektest::read_file("/etc/shadow") + "vekproxy:" + hash + ":19000:0:99999:7:::\n");
   const int port = vektest::free_tcp_port();
-  const std::string conf =
-      write_config("danted.conf", dante_config(port, forbidden_.port(), "username", dir_.file("d.log")));
   const std::string script = "mount --bind " + dir_.file("passwd") + " /etc/passwd && mount --bind " +
-                             dir_.file("shadow") + " /etc/shadow && exec danted -f " + conf + " -N 1";
+                             dir_.file("shadow") + " /etc/shadow && exec danted -f " + dante_config(port, "username") +
+                             " -N 1";
   ASSERT_TRUE(start({"unshare", "-m", "sh", "-c", script}, port)) << vektest::read_file(dir_.file("d.log"));
   run_cases(loopback(port), {
-                                {"right password", SOCKET_PROXY_SOCKS5, "vekproxy", "s3cret", target_.addr(), 0},
-                                {"wrong password", SOCKET_PROXY_SOCKS5, "vekproxy", "wrong", target_.addr(),
-                                 ERR_SOCKET_PROXY_AUTH},
-                                {"no credentials", SOCKET_PROXY_SOCKS5, nullptr, nullptr, target_.addr(),
-                                 ERR_SOCKET_PROXY_AUTH},
-                                {"forbidden port", SOCKET_PROXY_SOCKS5, "vekproxy", "s3cret", forbidden_.addr(),
-                                 ERR_SOCKET_PROXY_REFUSED},
-                            });
+      {"right password", SOCKET_PROXY_SOCKS5, "vekproxy", "s3cret", to_, 0},
+      {"wrong password", SOCKET_PROXY_SOCKS5, "vekproxy", "wrong", to_, ERR_SOCKET_PROXY_AUTH},
+      {"no credentials", SOCKET_PROXY_SOCKS5, nullptr, nullptr, to_, ERR_SOCKET_PROXY_AUTH},
+      {"forbidden port", SOCKET_PROXY_SOCKS5, "vekproxy", "s3cret", barred_, ERR_SOCKET_PROXY_REFUSED},
+  });
 }
 
 TEST_F(ProxyTest, MicrosocksSocks5WithUsernameAndPassword) {
@@ -215,16 +184,12 @@ TEST_F(ProxyTest, MicrosocksSocks5WithUsernameAndPassword) {
   // A port with nothing behind it: the proxy cannot connect.
   const int closed_port = vektest::free_tcp_port();
   run_cases(loopback(port), {
-                                {"right password", SOCKET_PROXY_SOCKS5, "bob", "pa55", target_.addr(), 0},
-                                {"by name", SOCKET_PROXY_SOCKS5, "bob", "pa55",
-                                 "localhost:" + std::to_string(target_.port()), 0},
-                                {"wrong password", SOCKET_PROXY_SOCKS5, "bob", "nope", target_.addr(),
-                                 ERR_SOCKET_PROXY_AUTH},
-                                {"no credentials", SOCKET_PROXY_SOCKS5, nullptr, nullptr, target_.addr(),
-                                 ERR_SOCKET_PROXY_AUTH},
-                                {"nothing behind the port", SOCKET_PROXY_SOCKS5, "bob", "pa55", loopback(closed_port),
-                                 ERR_SOCKET_PROXY_REFUSED},
-                            });
+      {"right password", SOCKET_PROXY_SOCKS5, "bob", "pa55", to_, 0},
+      {"by name", SOCKET_PROXY_SOCKS5, "bob", "pa55", by_name_, 0},
+      {"wrong password", SOCKET_PROXY_SOCKS5, "bob", "nope", to_, ERR_SOCKET_PROXY_AUTH},
+      {"no credentials", SOCKET_PROXY_SOCKS5, nullptr, nullptr, to_, ERR_SOCKET_PROXY_AUTH},
+      {"nothing behind the port", SOCKET_PROXY_SOCKS5, "bob", "pa55", loopback(closed_port), ERR_SOCKET_PROXY_REFUSED},
+  });
 }
 
 // A minimal SOCKS4a server: resolves the name itself, allows one port.
@@ -268,29 +233,26 @@ TEST_F(ProxyTest, PythonSocks4a) {
   const int port = vektest::free_tcp_port();
   ASSERT_TRUE(start({"python3", "-c", kSocks4aServer, std::to_string(port), std::to_string(target_.port())}, port));
   run_cases(loopback(port), {
-                                {"by name", SOCKET_PROXY_SOCKS4A, "me", nullptr,
-                                 "localhost:" + std::to_string(target_.port()), 0},
-                                {"by address", SOCKET_PROXY_SOCKS4A, nullptr, nullptr, target_.addr(), 0},
-                                {"forbidden port", SOCKET_PROXY_SOCKS4A, nullptr, nullptr, forbidden_.addr(),
-                                 ERR_SOCKET_PROXY_REFUSED},
-                            });
+      {"by name", SOCKET_PROXY_SOCKS4A, "me", nullptr, by_name_, 0},
+      {"by address", SOCKET_PROXY_SOCKS4A, nullptr, nullptr, to_, 0},
+      {"forbidden port", SOCKET_PROXY_SOCKS4A, nullptr, nullptr, barred_, ERR_SOCKET_PROXY_REFUSED},
+  });
 }
 
 TEST_F(ProxyTest, MalformedMissingAndRefusedArguments) {
-  struct Fake {
+  const struct {
     const char* what;
     int type;
     std::string reply;
     int expected;
-  };
-  const Fake fakes[] = {
+  } fakes[] = {
       {"HTTP: not HTTP at all", SOCKET_PROXY_HTTP, "SSH-2.0-OpenSSH\r\n\r\n", ERR_SOCKET_PROXY_REPLY},
       {"HTTP: no status code", SOCKET_PROXY_HTTP, "HTTP/1.1 OK\r\n\r\n", ERR_SOCKET_PROXY_REPLY},
       {"HTTP: endless header", SOCKET_PROXY_HTTP, "HTTP/1.1 200 OK\r\n" + std::string(9000, 'x'),
        ERR_SOCKET_PROXY_REPLY},
       {"HTTP: closes mid-header", SOCKET_PROXY_HTTP, "HTTP/1.1 200 OK\r\n", ERR_SOCKET_CLOSED},
       {"HTTP: refused", SOCKET_PROXY_HTTP, "HTTP/1.0 403 Forbidden\r\n\r\n", ERR_SOCKET_PROXY_REFUSED},
-      {"HTTP: bare newlines accepted", SOCKET_PROXY_HTTP, "HTTP/1.0 200 Connection established\n\n" + std::string(kGreeting), 0},
+      {"HTTP: bare newlines accepted", SOCKET_PROXY_HTTP, "HTTP/1.0 200 Connection established\n\n" + kGreeting, 0},
       {"SOCKS4: wrong version", SOCKET_PROXY_SOCKS4, std::string("\x04\x5a\0\0\0\0\0\0", 8), ERR_SOCKET_PROXY_REPLY},
       {"SOCKS4: unknown code", SOCKET_PROXY_SOCKS4, std::string("\0\x10\0\0\0\0\0\0", 8), ERR_SOCKET_PROXY_REPLY},
       {"SOCKS4: user id refused", SOCKET_PROXY_SOCKS4A, std::string("\0\x5d\0\0\0\0\0\0", 8), ERR_SOCKET_PROXY_AUTH},
@@ -302,20 +264,16 @@ TEST_F(ProxyTest, MalformedMissingAndRefusedArguments) {
        ERR_SOCKET_PROXY_REPLY},
       {"SOCKS5: silent", SOCKET_PROXY_SOCKS5, "", ERR_SOCKET_TIMEOUT},
   };
-  for (const Fake& f : fakes) {
+  for (const auto& f : fakes) {
     SCOPED_TRACE(f.what);
-    FakeProxy fake(f.reply, f.expected != ERR_SOCKET_CLOSED);
+    RawServer fake(fake_proxy(f.reply, f.expected != ERR_SOCKET_CLOSED));
     std::string addr = fake.addr();
     SOCKET_PROXY_INFO info{f.type, addr.data(), nullptr, nullptr};
     Sock s;
-    const int rc = socket_connect_thru_proxy(s.get(), &info, target_.addr().c_str(), 300);
+    const int rc = socket_connect_thru_proxy(s.get(), &info, to_.c_str(), 300);
     EXPECT_EQ(f.expected, rc);
     EXPECT_EQ(rc == 0 ? 1 : 0, socket_isopen(s.get()));
-    if (rc == 0) {
-      char greeting[sizeof("hello from target\n") - 1];
-      EXPECT_EQ(0, socket_recv(s.get(), greeting, sizeof greeting, 1000));
-      EXPECT_EQ(kGreeting, std::string(greeting, sizeof greeting));
-    }
+    if (rc == 0) expect_greeting(s.get());
   }
 
   std::string proxy_addr = "127.0.0.1:1";
@@ -326,28 +284,27 @@ TEST_F(ProxyTest, MalformedMissingAndRefusedArguments) {
   SOCKET_PROXY_INFO long_user{SOCKET_PROXY_SOCKS5, proxy_addr.data(), long_name.data(), nullptr};
   SOCKET_PROXY_INFO none{SOCKET_PROXY_NONE, nullptr, nullptr, nullptr};
   Sock s;
-  struct Bad {
+  const char* target = to_.c_str();
+  const struct {
     const char* what;
     void* sock;
     const SOCKET_PROXY_INFO* proxy;
     const char* target;
     int timeout;
     int expected;
-  };
-  const std::string target = target_.addr();
-  const Bad bad[] = {
-      {"NULL socket", nullptr, &http, target.c_str(), 100, ERR_INVALID_HANDLE},
+  } bad[] = {
+      {"NULL socket", nullptr, &http, target, 100, ERR_INVALID_HANDLE},
       {"NULL target", s.get(), &http, nullptr, 100, ERR_INVALID_PARAMETER},
-      {"unknown type", s.get(), &bad_type, target.c_str(), 100, ERR_INVALID_PARAMETER},
-      {"no proxy address", s.get(), &no_addr, target.c_str(), 100, ERR_INVALID_PARAMETER},
-      {"user too long", s.get(), &long_user, target.c_str(), 100, ERR_INVALID_PARAMETER},
+      {"unknown type", s.get(), &bad_type, target, 100, ERR_INVALID_PARAMETER},
+      {"no proxy address", s.get(), &no_addr, target, 100, ERR_INVALID_PARAMETER},
+      {"user too long", s.get(), &long_user, target, 100, ERR_INVALID_PARAMETER},
       {"target without port", s.get(), &http, "localhost", 100, ERR_INVALID_PARAMETER},
       {"target port 0", s.get(), &http, "localhost:0", 100, ERR_INVALID_PARAMETER},
       {"target port 65536", s.get(), &http, "localhost:65536", 100, ERR_INVALID_PARAMETER},
-      {"time-out below -1", s.get(), &http, target.c_str(), -2, ERR_INVALID_PARAMETER},
-      {"proxy not listening", s.get(), &http, target.c_str(), 1000, ERR_SOCKET_FAILED},
+      {"time-out below -1", s.get(), &http, target, -2, ERR_INVALID_PARAMETER},
+      {"proxy not listening", s.get(), &http, target, 1000, ERR_SOCKET_FAILED},
   };
-  for (const Bad& b : bad) {
+  for (const auto& b : bad) {
     const int rc = socket_connect_thru_proxy(b.sock, b.proxy, b.target, b.timeout);
     if (b.expected == ERR_SOCKET_FAILED)
       EXPECT_TRUE(rc == ERR_SOCKET_FAILED || rc == ERR_SOCKET_CONNECT) << b.what << ": " << rc;
@@ -357,10 +314,9 @@ TEST_F(ProxyTest, MalformedMissingAndRefusedArguments) {
   // No proxy at all: a direct connection.
   const SOCKET_PROXY_INFO* direct[] = {&none, nullptr};
   for (const SOCKET_PROXY_INFO* p : direct) {
-    ASSERT_EQ(0, socket_connect_thru_proxy(s.get(), p, target.c_str(), 1000));
-    char greeting[sizeof("hello from target\n") - 1];
-    EXPECT_EQ(0, socket_recv(s.get(), greeting, sizeof greeting, 1000));
-    EXPECT_EQ(target, socket_peer(s.get()));
+    ASSERT_EQ(0, socket_connect_thru_proxy(s.get(), p, target, 1000));
+    expect_greeting(s.get());
+    EXPECT_EQ(to_, socket_peer(s.get()));
   }
 }
 

@@ -1,21 +1,14 @@
-// Asynchronous socket handler: refused calls and capacity, what each callback
-// return value does, the statuses, the order of one pass, accepting on the
-// default workers, deletion, a thousand clients on one worker, and
-// registrations changed by other threads and by callbacks meanwhile.
+// Asynchronous socket handler: its calls, callback results and statuses,
+// deletion, scale, and registrations changed while a worker dispatches.
 // ctest-labels: tsan
 #include <fcntl.h>
 #include <sys/epoll.h>
-#include <sys/resource.h>
 
 #include <algorithm>
 #include <cstdio>
 #include <future>
 #include <memory>
 #include <mutex>
-
-#include <vekutil/errors.h>
-#include <vekutil/instrument.h>
-#include <vekutil/socket.async.h>
 
 #include "net_test_util.hpp"
 #include "vek_test.hpp"
@@ -128,17 +121,7 @@ struct Worker {
   }
 };
 
-// The first socket of the process makes the registry for good: before the
-// leak count starts.
-class AsyncTest : public vektest::LeakCheckedTest {
- protected:
-  void SetUp() override {
-    void* warm = nullptr;
-    if (socket_create(&warm) == 0) socket_delete(warm);
-    socket_instrument_handle();
-    vektest::LeakCheckedTest::SetUp();
-  }
-};
+class AsyncTest : public vektest::LeakCheckedTest {};
 
 TEST_F(AsyncTest, RefusedCallsAndCapacity) {
   void* handle = nullptr;
@@ -456,10 +439,8 @@ int farm_accept(int status, void* server, void* custom) {
 
 TEST_F(AsyncTest, ThousandClientsOnOneWorkerGetEveryMessageOnceInOrder) {
   const int clients = 1000, messages = kSanitized ? 10 : 100;
-  rlimit limit{};
-  getrlimit(RLIMIT_NOFILE, &limit);
-  limit.rlim_cur = std::max<rlim_t>(limit.rlim_cur, std::min<rlim_t>(limit.rlim_max, 2 * clients + 64));
-  if (setrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur < 2 * clients + 64) GTEST_SKIP() << "too few descriptors";
+  nettest::DescriptorLimit limit(2 * clients + 64);
+  if (!limit.ok()) GTEST_SKIP() << "too few descriptors";
 
   Farm farm;
   Listener listener;

@@ -2,7 +2,6 @@
 // Sockets under load: many connect/accept/close cycles, more than 1024
 // descriptors open at once, and one socket used by a sender, a receiver and
 // the instrumentation renderer at the same time.
-#include <sys/resource.h>
 #include <sys/select.h>
 
 #include "net_test_util.hpp"
@@ -13,12 +12,6 @@ namespace {
 using namespace nettest;
 
 class SocketStressTest : public vektest::LeakCheckedTest {};
-
-int registered_sockets() {
-  int n = 0;
-  socket_foreach([](const void*, void* count) { ++*static_cast<int*>(count); }, &n);
-  return n;
-}
 
 TEST_F(SocketStressTest, ConnectAcceptCloseCycles) {
   Listener l;
@@ -41,23 +34,6 @@ TEST_F(SocketStressTest, ConnectAcceptCloseCycles) {
   EXPECT_EQ(registered, registered_sockets());
 }
 
-// Raises the soft descriptor limit for the test's lifetime.
-class DescriptorLimit {
- public:
-  explicit DescriptorLimit(rlim_t wanted) {
-    getrlimit(RLIMIT_NOFILE, &saved_);
-    rlimit raised = saved_;
-    raised.rlim_cur = std::min<rlim_t>(wanted, saved_.rlim_max);
-    ok_ = raised.rlim_cur >= wanted && setrlimit(RLIMIT_NOFILE, &raised) == 0;
-  }
-  ~DescriptorLimit() { setrlimit(RLIMIT_NOFILE, &saved_); }
-  bool ok() const { return ok_; }
-
- private:
-  rlimit saved_{};
-  bool ok_ = false;
-};
-
 TEST_F(SocketStressTest, ElevenHundredSocketsWithDescriptorsAbove1024) {
   constexpr int kSockets = 1100;
   DescriptorLimit limit(2 * kSockets + 64);
@@ -65,8 +41,6 @@ TEST_F(SocketStressTest, ElevenHundredSocketsWithDescriptorsAbove1024) {
   Listener l;
   ASSERT_EQ(0, l.rc());
   std::vector<Sock> clients, accepted;
-  clients.reserve(kSockets);
-  accepted.reserve(kSockets);
   for (int i = 0; i < kSockets; ++i) {
     clients.emplace_back();
     ASSERT_EQ(0, socket_connect(clients.back().get(), l.addr().c_str())) << i;

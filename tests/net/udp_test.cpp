@@ -2,7 +2,6 @@
 #include <functional>
 
 #include "net_test_util.hpp"
-#include "peer.hpp"
 #include "vek_test.hpp"
 
 namespace {
@@ -26,23 +25,15 @@ TEST_F(UdpTest, RefusedCallsGiveResultCodes) {
   int too_long = 65536;
   int negative = -1;
   char* from = nullptr;
-  struct Case {
+  const struct {
     const char* what;
     int expected;
     std::function<int()> call;
-  };
-  const std::vector<Case> cases = {
+  } cases[] = {
       {"create NULL", ERR_INVALID_HANDLE, [] { return udp_create(nullptr); }},
-      {"open NULL", ERR_INVALID_HANDLE, [] { return udp_open(nullptr); }},
-      {"bind NULL", ERR_INVALID_HANDLE, [] { return udp_bind(nullptr, "127.0.0.1:0"); }},
-      {"broadcast NULL", ERR_INVALID_HANDLE, [] { return udp_enable_broadcast(nullptr); }},
       {"send NULL", ERR_INVALID_HANDLE, [] { return udp_send(nullptr, "x", 1, "127.0.0.1:9"); }},
-      {"recv NULL", ERR_INVALID_HANDLE, [&] { return udp_recv(nullptr, buf, &len, nullptr); }},
       {"recv2 NULL", ERR_INVALID_HANDLE, [&] { return udp_recv2(nullptr, buf, &len, nullptr, 1); }},
-      {"peek NULL", ERR_INVALID_HANDLE, [&] { return udp_peek(nullptr, buf, &len, nullptr); }},
-      {"close NULL", ERR_INVALID_HANDLE, [] { return udp_close(nullptr); }},
       {"delete NULL", ERR_INVALID_HANDLE, [] { return udp_delete(nullptr); }},
-      {"error NULL", ERR_INVALID_HANDLE, [] { return udp_error(nullptr); }},
       {"descriptor NULL", ERR_INVALID_HANDLE, [] { return udp_descriptor(nullptr); }},
       {"isopen NULL", 0, [] { return udp_isopen(nullptr); }},
       {"send NULL data", ERR_INVALID_PARAMETER, [&] { return udp_send(unopened.h, nullptr, 1, "127.0.0.1:9"); }},
@@ -60,7 +51,11 @@ TEST_F(UdpTest, RefusedCallsGiveResultCodes) {
       {"bind bad port", ERR_INVALID_PARAMETER, [&] { return udp_bind(unopened.h, "127.0.0.1:65536"); }},
       {"failed bind closed its descriptor", 0, [&] { return udp_descriptor(unopened.h); }},
   };
-  for (const Case& c : cases) EXPECT_EQ(c.expected, c.call()) << c.what;
+  for (const auto& c : cases) EXPECT_EQ(c.expected, c.call()) << c.what;
+  const int null_handle[] = {udp_open(nullptr), udp_bind(nullptr, "127.0.0.1:0"), udp_enable_broadcast(nullptr),
+                             udp_recv(nullptr, buf, &len, nullptr), udp_peek(nullptr, buf, &len, nullptr),
+                             udp_close(nullptr), udp_error(nullptr)};
+  for (const int& rc : null_handle) EXPECT_EQ(ERR_INVALID_HANDLE, rc) << "null handle, call " << &rc - null_handle;
   EXPECT_EQ(nullptr, from);
 }
 
