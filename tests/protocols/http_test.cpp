@@ -58,9 +58,12 @@ class HttpPythonTest : public vektest::LeakCheckedTest {
 
 TEST_F(HttpPythonTest, RequestLineHeadersAndBodiesAsTheServerSawThem) {
   vektest::TempDir dir;
-  const std::string port = std::to_string(peer_->port()), host = "127.0.0.1:" + port;
+  const std::string host = "127.0.0.1:" + std::to_string(peer_->port());
   std::map<size_t, std::string> uploads;
-  for (size_t size : {0, 8192, 20000}) vektest::write_file(uploads[size] = dir.file(std::to_string(size)), pattern(size));
+  for (size_t size : {0, 8192, 20000}) {
+    uploads[size] = dir.file(std::to_string(size));
+    vektest::write_file(uploads[size], pattern(size));
+  }
   const auto post = [&](size_t size) {
     return [&, size](HTTP_REQUEST* r) {
       r->method = HTTP_METHOD_POST;
@@ -78,9 +81,9 @@ TEST_F(HttpPythonTest, RequestLineHeadersAndBodiesAsTheServerSawThem) {
        {"GET /headers HTTP/1.1\n", "Host: " + host + "\n", "Connection: close\n"}, {"Range", "Content-Length"}},
       {"HTTP/1.0 option", [](HTTP_REQUEST* r) { r->options = HTTP_REQUEST_HTTP10; }, url("/headers"),
        {"GET /headers HTTP/1.0\n"}, {"Host:", "Connection:"}},
-      {"override_host puts the whole URL in the request line", [&](HTTP_REQUEST* r) { r->override_host = host.c_str(); },
-       "http://example.invalid/headers", {"GET http://example.invalid/headers HTTP/1.1\n", "Host: example.invalid:80\n"},
-       {}},
+      {"override_host puts the whole URL in the request line",
+       [&](HTTP_REQUEST* r) { r->override_host = host.c_str(); }, "http://example.invalid/headers",
+       {"GET http://example.invalid/headers HTTP/1.1\n", "Host: example.invalid:80\n"}, {}},
       {"properties in insertion order", [](HTTP_REQUEST* r) {
          ptree_insert(r->properties, "X-Second", "2");
          ptree_insert(r->properties, "X-First", "1");

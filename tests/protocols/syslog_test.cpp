@@ -260,7 +260,8 @@ TEST_F(SyslogCollectorTest, ReceivesWhatUtilLinuxLoggerSends) {
     // logger sends no newline, so the dropped last byte is the text's own.
     const std::string tail = "vektest: " + text.substr(0, text.size() - 1);
     const auto got = wait_for([&](const Received& r) {
-      return r.message.size() >= tail.size() && r.message.compare(r.message.size() - tail.size(), tail.size(), tail) == 0;
+      return r.message.size() >= tail.size() &&
+             r.message.compare(r.message.size() - tail.size(), tail.size(), tail) == 0;
     });
     ASSERT_FALSE(got.empty()) << priority;
     EXPECT_EQ(level, got.back().level) << priority;
