@@ -79,12 +79,15 @@ class Handler(BaseHTTPRequestHandler):
         with lock:
             hits[url.path] = hits.get(url.path, 0) + 1
         self.close_connection = True  # one exchange per connection; some bodies end at the close
-        fixed = FIXED.get(url.path)
-        if fixed:
+        if url.path in FIXED:
+            reply, piece, pause = FIXED[url.path]
             for key, value in ((b"<n>", b"%d" % n), (b"<hex>", b"%x" % n), (b"<half>", pattern(n // 2)),
                                (b"<body>", pattern(n))):
-                fixed = fixed.replace(key, value)
-            self.raw(fixed, 3 if url.path.startswith("/stall") else 0)
+                reply = reply.replace(key, value)
+            piece = piece(n) if callable(piece) else piece or len(reply)
+            try:
+                for i in range(0, len(reply), piece): self.raw(reply[i:i + piece], pause)
+            except OSError: pass  # the client may stop reading early
         elif url.path == "/echo":      # what arrived, body read by length or chunks
             body, sizes = self.read_body()
             text = self.request_text() + "body %d %s\n" % (len(body), hashlib.sha256(body).hexdigest())
@@ -105,37 +108,30 @@ class Handler(BaseHTTPRequestHandler):
                 self.raw(head.encode() + b"\r\n" + part + b"\r\n")
             if at < n: self.raw(b"%x\r\n" % (n - at) + data[at:] + b"\r\n")
             self.raw(b"0\r\n\r\n")
-        elif url.path == "/slow":      # a body in pieces, each well inside the time-out
-            self.raw(b"HTTP/1.1 200 OK\r\nContent-Length: %d\r\n\r\n" % n)
-            for i in range(4): self.raw(pattern(n)[i * n // 4:(i + 1) * n // 4], 0.2)
-        elif url.path == "/slow-header":  # the header a few bytes at a time
-            head = b"HTTP/1.1 200 OK\r\nX-Slow: yes\r\nContent-Length: 2\r\n\r\nok"
-            for i in range(0, len(head), 8): self.raw(head[i:i + 8], 0.05)
-        elif url.path == "/r307":
-            self.reply(b"moved", 307, [("Location", "http://127.0.0.1:1/elsewhere")])
-        elif url.path == "/missing":
-            self.reply(b"no such thing", 404)
-        elif url.path == "/endless-header":
-            self.raw(b"HTTP/1.1 200 OK\r\n")
-            try:
-                for i in range(40000): self.raw(b"X-Filler-%d: %s\r\n" % (i, b"x" * 40))
-            except OSError: pass
         else:
             self.reply(b"unknown", 500)
 
-# Replies sent as they are, <n> and <hex> being the query's n, <body> and
-# <half> n and n/2 pattern bytes; the /stall ones then fall silent.
+# path: (reply, piece size (0: all at once), pause after each piece). In the
+# reply <n> and <hex> stand for the query's n, <body> and <half> for n and n/2
+# pattern bytes. /slow sends its body in quarters, /stall falls silent.
+OK, LENGTH = b"HTTP/1.1 200 OK\r\n", b"Content-Length: <n>\r\n\r\n"
 FIXED = {
-    "/close": b"HTTP/1.0 200 OK\r\nContent-Type: application/octet-stream\r\n\r\n<body>",
-    "/stall": b"HTTP/1.1 200 OK\r\nContent-Length: <n>\r\n\r\n<half>",
-    "/stall-header": b"HTTP/1.1 200 OK\r\nX-Half: ",
-    "/cut-length": b"HTTP/1.1 200 OK\r\nContent-Length: <n>\r\n\r\n<half>",
-    "/cut-chunked": b"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n<hex>\r\n<half>",
-    "/claim-big": b"HTTP/1.1 200 OK\r\nContent-Length: 2000000000\r\n\r\n<body>",
-    "/odd-headers": b"HTTP/1.1 200 OK\r\nX-Twice: one\r\nx-twice: two\r\nNoSpace:value\r\n"
-                    b"no colon here\r\n: empty name\r\nContent-Length: 2\r\n\r\nok",
-    "/lf-only": b"HTTP/1.1 200 OK\nContent-Length: 2\n\n\n\nok",
-    "/not-http": b"ICY 200 OK\r\n\r\n",
+    "/close": (b"HTTP/1.0 200 OK\r\nContent-Type: application/octet-stream\r\n\r\n<body>", 0, 0),
+    "/slow": (OK + LENGTH + b"<body>", lambda n: n // 4 + 40, 0.2),  # the header goes with the first quarter
+    "/slow-header": (OK + b"X-Slow: yes\r\nContent-Length: 2\r\n\r\nok", 8, 0.05),
+    "/stall": (OK + LENGTH + b"<half>", 0, 3),
+    "/stall-header": (OK + b"X-Half: ", 0, 3),
+    "/cut-length": (OK + LENGTH + b"<half>", 0, 0),
+    "/cut-chunked": (OK + b"Transfer-Encoding: chunked\r\n\r\n<hex>\r\n<half>", 0, 0),
+    "/claim-big": (OK + b"Content-Length: 2000000000\r\n\r\n<body>", 0, 0),
+    "/r307": (b"HTTP/1.1 307 Temporary Redirect\r\nLocation: http://127.0.0.1:1/elsewhere\r\n"
+              b"Content-Length: 5\r\n\r\nmoved", 0, 0),
+    "/missing": (b"HTTP/1.1 404 Not Found\r\nContent-Length: 13\r\n\r\nno such thing", 0, 0),
+    "/odd-headers": (OK + b"X-Twice: one\r\nx-twice: two\r\nNoSpace:value\r\nno colon here\r\n: empty name\r\n"
+                     b"Content-Length: 2\r\n\r\nok", 0, 0),
+    "/lf-only": (b"HTTP/1.1 200 OK\nContent-Length: 2\n\n\n\nok", 0, 0),
+    "/not-http": (b"ICY 200 OK\r\n\r\n", 0, 0),
+    "/endless-header": (OK + b"".join(b"X-Filler-%d: %s\r\n" % (i, b"x" * 40) for i in range(40000)), 0, 0),
 }
 
 class Server(ThreadingHTTPServer):
