@@ -127,51 +127,48 @@ TEST_F(HttpPythonTest, RequestLineHeadersAndBodiesAsTheServerSawThem) {
 // Every framing of a body, into memory and into a file, whole and cut short.
 TEST_F(HttpPythonTest, BodiesByLengthChunksAndCloseIntoMemoryAndFiles) {
   vektest::TempDir dir;
+  enum Into { kMemory = 1, kFile = 2, kBoth = 3 };
   struct Case {
     const char* path;
-    bool into_file;
-    int timeout;
-    int rc;
-    int status;
-    int options;
+    int into, timeout, rc, status, options;
     std::string body;  // what ends up in memory or in the file
   };
+  const int chunked = HTTP_RESPONSE_HTTP11 | HTTP_RESPONSE_CHUNKED;
   const Case cases[] = {
-      {"/chunked?n=30000", false, 5000, 0, 200, HTTP_RESPONSE_HTTP11 | HTTP_RESPONSE_CHUNKED, pattern(30000)},
-      {"/chunked?n=30000", true, 5000, 0, 200, HTTP_RESPONSE_HTTP11 | HTTP_RESPONSE_CHUNKED, pattern(30000)},
-      {"/chunked?n=0", false, 5000, 0, 200, HTTP_RESPONSE_HTTP11 | HTTP_RESPONSE_CHUNKED, ""},
-      {"/close?n=70000", false, 5000, 0, 200, HTTP_RESPONSE_HTTP10, pattern(70000)},
-      {"/close?n=70000", true, 5000, 0, 200, HTTP_RESPONSE_HTTP10, pattern(70000)},
-      {"/slow?n=4000", true, 2000, 0, 200, HTTP_RESPONSE_HTTP11, pattern(4000)},
-      {"/slow-header", false, 1000, 0, 200, HTTP_RESPONSE_HTTP11, "ok"},
-      {"/lf-only", false, 5000, 0, 200, HTTP_RESPONSE_HTTP11, "ok"},
-      {"/missing", true, 5000, 0, 404, HTTP_RESPONSE_HTTP11, "no such thing"},
-      {"/cut-length?n=1000", true, 5000, ERR_SOCKET_CLOSED, 200, HTTP_RESPONSE_HTTP11, pattern(500)},
-      {"/cut-length?n=1000", false, 5000, ERR_SOCKET_CLOSED, 200, HTTP_RESPONSE_HTTP11, pattern(500)},
-      {"/cut-chunked?n=1000", true, 5000, ERR_SOCKET_CLOSED, 200, HTTP_RESPONSE_HTTP11 | HTTP_RESPONSE_CHUNKED,
-       pattern(500)},
-      {"/claim-big?n=100", false, 5000, ERR_SOCKET_CLOSED, 200, HTTP_RESPONSE_HTTP11, pattern(100)},
-      {"/stall?n=1000", true, 500, ERR_SOCKET_TIMEOUT, 200, HTTP_RESPONSE_HTTP11, pattern(500)},
-      {"/stall-header", false, 500, ERR_SOCKET_TIMEOUT, 0, 0, ""},
-      {"/not-http", false, 5000, ERR_HTTP_BAD_RESPONSE, 0, 0, ""},
-      {"/endless-header", false, 5000, ERR_HTTP_BAD_RESPONSE, 0, 0, ""},
+      {"/chunked?n=30000", kBoth, 5000, 0, 200, chunked, pattern(30000)},
+      {"/chunked?n=0", kMemory, 5000, 0, 200, chunked, ""},
+      {"/close?n=70000", kBoth, 5000, 0, 200, HTTP_RESPONSE_HTTP10, pattern(70000)},
+      {"/slow?n=4000", kFile, 2000, 0, 200, HTTP_RESPONSE_HTTP11, pattern(4000)},
+      {"/slow-header", kMemory, 1000, 0, 200, HTTP_RESPONSE_HTTP11, "ok"},
+      {"/lf-only", kMemory, 5000, 0, 200, HTTP_RESPONSE_HTTP11, "ok"},
+      {"/missing", kFile, 5000, 0, 404, HTTP_RESPONSE_HTTP11, "no such thing"},
+      {"/cut-length?n=1000", kBoth, 5000, ERR_SOCKET_CLOSED, 200, HTTP_RESPONSE_HTTP11, pattern(500)},
+      {"/cut-chunked?n=1000", kFile, 5000, ERR_SOCKET_CLOSED, 200, chunked, pattern(500)},
+      {"/claim-big?n=100", kMemory, 5000, ERR_SOCKET_CLOSED, 200, HTTP_RESPONSE_HTTP11, pattern(100)},
+      {"/stall?n=1000", kFile, 500, ERR_SOCKET_TIMEOUT, 200, HTTP_RESPONSE_HTTP11, pattern(500)},
+      {"/stall-header", kMemory, 500, ERR_SOCKET_TIMEOUT, 0, 0, ""},
+      {"/not-http", kMemory, 5000, ERR_HTTP_BAD_RESPONSE, 0, 0, ""},
+      {"/endless-header", kMemory, 5000, ERR_HTTP_BAD_RESPONSE, 0, 0, ""},
   };
+  const std::string path = dir.file("body.bin");
   for (const Case& c : cases) {
-    const std::string path = dir.file("body.bin");
-    std::remove(path.c_str());
-    Exchange x;
-    x.req->timeout = c.timeout;
-    if (c.into_file) x.req->file = path.c_str();
-    SCOPED_TRACE(std::string(c.path) + (c.into_file ? " into a file" : " into memory"));
-    EXPECT_EQ(c.rc, x.call(url(c.path)));
-    EXPECT_EQ(c.status, x.resp->status);
-    EXPECT_EQ(c.options, x.resp->options);
-    const bool file_body = c.into_file && c.status < 400;
-    EXPECT_EQ(c.body, file_body ? vektest::read_file(path) : x.body());
-    if (!file_body) {
-      EXPECT_FALSE(std::filesystem::exists(path)) << "no file is made for a body kept in memory";
-    } else {
-      EXPECT_EQ(nullptr, x.resp->data);
+    for (const Into into : {kMemory, kFile}) {
+      if (!(c.into & into)) continue;
+      SCOPED_TRACE(std::string(c.path) + (into == kFile ? " into a file" : " into memory"));
+      std::remove(path.c_str());
+      Exchange x;
+      x.req->timeout = c.timeout;
+      if (into == kFile) x.req->file = path.c_str();
+      EXPECT_EQ(c.rc, x.call(url(c.path)));
+      EXPECT_EQ(c.status, x.resp->status);
+      EXPECT_EQ(c.options, x.resp->options);
+      const bool file_body = into == kFile && c.status < 400;
+      EXPECT_EQ(c.body, file_body ? vektest::read_file(path) : x.body());
+      if (!file_body) {
+        EXPECT_FALSE(std::filesystem::exists(path)) << "no file is made for a body kept in memory";
+      } else {
+        EXPECT_EQ(nullptr, x.resp->data);
+      }
     }
   }
 }
