@@ -88,6 +88,10 @@ TEST_F(StatsdTest, RefusesMissingArguments) {
 // metrics mixed into one.
 TEST_F(StatsdTest, ThreadsShareOnePublisher) {
   const int threads = 4, per_thread = vektest::kSanitized ? 500 : 5000;
+  const auto expected = [](int t, int i) {
+    const char* kinds[] = {"|g", "|ms", "|c|@0.25"};
+    return "worker." + std::to_string(t) + ":" + std::to_string(i) + kinds[i % 3];
+  };
   std::vector<std::thread> workers;
   for (int t = 0; t < threads; ++t)
     workers.emplace_back([this, t, per_thread] {
@@ -102,13 +106,10 @@ TEST_F(StatsdTest, ThreadsShareOnePublisher) {
   std::set<std::string> seen;
   int malformed = 0;
   while (auto datagram = sink_.receive(500)) {
-    int t = -1, i = -1, n = 0;
-    char kind[8] = {};
-    const bool ok = std::sscanf(datagram->c_str(), "worker.%d:%d|%7[a-z]%n", &t, &i, kind, &n) == 3;
-    const std::string rest = datagram->substr(ok ? n : 0);
-    const char* expected_kind = i % 3 == 0 ? "g" : i % 3 == 1 ? "ms" : "c";
-    if (!ok || t < 0 || t >= threads || std::string(kind) != expected_kind || rest != (i % 3 == 2 ? "|@0.25" : ""))
-      ++malformed;
+    int t = -1, i = -1;
+    const bool ok = std::sscanf(datagram->c_str(), "worker.%d:%d|", &t, &i) == 2 && t >= 0 && t < threads &&
+                    i >= 0 && *datagram == expected(t, i);
+    malformed += ok ? 0 : 1;
     seen.insert(*datagram);
   }
   for (std::thread& w : workers) w.join();
