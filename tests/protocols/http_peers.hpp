@@ -39,9 +39,7 @@ class Handler(BaseHTTPRequestHandler):
     protocol_version = "HTTP/1.1"
     def log_message(self, *args): pass
     def do_GET(self): self.route()
-    def do_POST(self): self.route()
-    def do_PUT(self): self.route()
-    def do_DELETE(self): self.route()
+    do_POST = do_PUT = do_DELETE = do_GET
 
     def raw(self, data, pause=0):
         self.wfile.write(data)
