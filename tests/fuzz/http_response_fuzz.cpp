@@ -156,9 +156,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   http_request_delete(req);
   http_response_delete(resp);
 
-  // Header lines become property entries (a few dozen bytes each for a few
-  // bytes of input); bodies and the header text grow by doubling; the read
-  // buffers are fixed.
+  // A few input bytes make a property entry of a few dozen; bodies grow by doubling.
   const long long peak = g_peak.load() - base;
   if (peak > 64 * static_cast<long long>(size) + (1 << 20)) std::abort();
   if (vekMemoryBlockUsed() != blocks_before) std::abort();

@@ -1,7 +1,5 @@
-// Real HTTP peers for the client tests, each started on a loopback port the
-// system handed out and stopped by its pid: Python's http.server with a
-// handler for the odd replies, and nginx for static files over http and
-// https with the test CA's server certificate.
+// Real HTTP peers for the client tests, on loopback ports the system handed
+// out and stopped by pid: Python's http.server and nginx.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -21,9 +19,8 @@
 
 namespace httptest {
 
-// Python's http.server with a handler for the replies nginx does not make:
-// chunked bodies, HTTP/1.0 replies that end at the close, slow, stalled and
-// cut replies, odd headers, and echoes of what the client sent.
+// Python's http.server for the replies nginx does not make (chunked, ending at
+// the close, slow, stalled, cut, odd) and echoes of what the client sent.
 inline const char* kPythonHandler = R"PY(
 import hashlib, sys, threading, time
 from http.server import BaseHTTPRequestHandler, ThreadingHTTPServer

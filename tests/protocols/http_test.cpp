@@ -1,7 +1,5 @@
-// The HTTP client against Python's http.server: request headers and bodies
-// as the server saw them, every body framing, slow, stalled and cut replies,
-// odd headers, the 307 repeat and refused calls. Header parsing and the URL
-// encoders are checked on their own as well.
+// The HTTP client against Python's http.server (requests as it saw them, every
+// reply framing, odd and refused cases), plus header parsing and URL encoders.
 #include <algorithm>
 #include <climits>
 #include <cstring>
@@ -33,8 +31,7 @@ bool contains(const std::string& text, const std::string& needle) { return text.
 class HttpPythonTest : public vektest::LeakCheckedTest {
  protected:
   static void SetUpTestSuite() {
-    // The socket registry and its instrumentation group live for the whole
-    // process; make them before any test counts blocks.
+    // The process-wide socket registry is made before any test counts blocks.
     void* s = nullptr;
     socket_create(&s);
     socket_delete(s);
@@ -247,10 +244,7 @@ class HttpParseTest : public vektest::LeakCheckedTest {};
 TEST_F(HttpParseTest, StatusLineAndHeaderLines) {
   struct Case {
     const char* header;
-    int rc;
-    int status;
-    int options;
-    int data_len;
+    int rc, status, options, data_len;
     std::vector<std::pair<const char*, const char*>> props;
   };
   const Case cases[] = {
@@ -281,12 +275,7 @@ TEST_F(HttpParseTest, StatusLineAndHeaderLines) {
     EXPECT_EQ(c.options, r->options) << c.header;
     EXPECT_EQ(c.data_len, r->data_len) << c.header;
     for (const auto& [name, value] : c.props) {
-      const char* got = ptree_find_by_key(r->properties, name);
-      if (!value) {
-        EXPECT_EQ(nullptr, got) << c.header << name;
-      } else {
-        EXPECT_STREQ(value, got) << c.header << name;
-      }
+      EXPECT_STREQ(value, ptree_find_by_key(r->properties, name)) << c.header << name;  // null: absent
     }
     http_response_delete(r);
   }

@@ -1,7 +1,6 @@
 // ctest-labels: tsan
-// statsd publisher: exact datagrams on a raw socket, one publisher shared by
-// threads, and the statsd daemon from the npm registry aggregating what we
-// send.
+// statsd publisher: exact datagrams, one publisher shared by threads, and the
+// statsd daemon from the npm registry aggregating what we send.
 #include <chrono>
 #include <cmath>
 #include <filesystem>
@@ -118,8 +117,6 @@ TEST_F(StatsdTest, ThreadsShareOnePublisher) {
   // little for a machine under heavy load.
   EXPECT_GE(seen.size(), static_cast<size_t>(threads * per_thread * 9 / 10));
 }
-
-// ---- the statsd daemon -----------------------------------------------------
 
 // The statsd daemon (npm package "statsd", installed on first use beside the
 // test binary) run with the machine's node. A small backend keeps running

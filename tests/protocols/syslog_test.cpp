@@ -1,7 +1,6 @@
 // ctest-labels: tsan
-// Remote syslog: datagrams checked byte for byte on a raw socket, the
-// collector fed by raw datagrams, util-linux logger and four busy senders,
-// and rsyslog receiving what we send.
+// Remote syslog: datagrams byte for byte, the collector fed by raw datagrams,
+// util-linux logger and busy senders, and rsyslog receiving what we send.
 #include <pthread.h>
 
 #include <atomic>
@@ -123,8 +122,6 @@ TEST_F(SyslogTest, DeleteWhileDatagramsArrive) {
     sender.join();
   }
 }
-
-// ---- collecting ------------------------------------------------------------
 
 struct Received {
   int facility, level;
@@ -315,8 +312,6 @@ TEST_F(SyslogCollectorTest, RefusesBadArgumentsAndBusyPorts) {
   EXPECT_EQ(ERR_SOCKET_BIND, syslog_collector_create(&other, holder.port(), on_message, nullptr));
   EXPECT_EQ(nullptr, other);
 }
-
-// ---- peers and the tool ----------------------------------------------------
 
 // rsyslogd in the foreground, unprivileged, on a loopback port, writing
 // facility|severity|host|tag+text of every message into one file.
