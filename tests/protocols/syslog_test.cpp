@@ -3,6 +3,7 @@
 // util-linux logger and busy senders, and rsyslog receiving what we send.
 #include <pthread.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -165,11 +166,8 @@ class SyslogCollectorTest : public vektest::LeakCheckedTest {
   template <class Pred>
   std::vector<Received> wait_for(Pred done) {
     std::unique_lock<std::mutex> guard(lock_);
-    arrived_.wait_for(guard, std::chrono::seconds(5), [&] {
-      for (const Received& r : received_)
-        if (done(r)) return true;
-      return false;
-    });
+    arrived_.wait_for(guard, std::chrono::seconds(5),
+                      [&] { return std::any_of(received_.begin(), received_.end(), done); });
     return received_;
   }
   std::vector<Received> until_message(const std::string& text) {
@@ -247,10 +245,7 @@ TEST_F(SyslogCollectorTest, ReceivesWhatUtilLinuxLoggerSends) {
                                        "-p", priority, "-t", "vektest", text}));
     // logger sends no newline, so the dropped last byte is the text's own.
     const std::string tail = "vektest: " + text.substr(0, text.size() - 1);
-    const auto got = wait_for([&](const Received& r) {
-      return r.message.size() >= tail.size() &&
-             r.message.compare(r.message.size() - tail.size(), tail.size(), tail) == 0;
-    });
+    const auto got = wait_for([&](const Received& r) { return r.message.ends_with(tail); });
     ASSERT_FALSE(got.empty()) << priority;
     EXPECT_EQ(level, got.back().level) << priority;
     EXPECT_EQ(0, got.back().facility);
