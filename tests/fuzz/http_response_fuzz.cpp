@@ -1,13 +1,10 @@
 // fuzz-seconds: 60
-// Feeds arbitrary bytes to the HTTP client as a server's reply: a socket
-// whose receive slot hands out the input in pieces (then one time-out, then
-// the peer's close) goes through the reading half of the exchange, header
-// parsing, and the length, chunked and close-delimited body readers, into
-// memory or a file. No crash, no leak, and memory in use stays within a
-// fixed multiple of what was received.
-//
-// The first input byte chooses the request: bit 0 a GET into a file
-// (/dev/null), bit 1 a resume offset, bits 2-4 the receive piece size.
+// Arbitrary bytes as a server's reply: a socket whose receive slot hands out
+// the input in pieces (then one time-out, then the peer's close) drives the
+// reading half of the exchange, header parsing and every body reader, into
+// memory or a file. No crash, no leak, and memory in use stays within a fixed
+// multiple of what was received. The first input byte chooses the request:
+// bit 0 a GET into /dev/null, bit 1 a resume offset, bits 2-4 the piece size.
 #include <fcntl.h>
 #include <malloc.h>
 #include <unistd.h>
@@ -25,8 +22,7 @@
 
 namespace {
 
-// ---- allocation accounting: bytes in use and their peak ---------------------------
-
+// Allocation accounting: bytes in use and their peak.
 std::atomic<long long> g_in_use{0};
 std::atomic<long long> g_peak{0};
 
@@ -63,33 +59,22 @@ char* counting_strdup(const char* s) {
   return p;
 }
 
-// ---- the socket whose receive slot is the input --------------------------------------
-
+// The input, handed out in pieces of at most `piece` bytes; at its end one
+// time-out (the header read may wait it out), then the peer's close.
 struct Feed {
   const char* data;
-  size_t size;
-  size_t pos;
-  size_t piece;
+  size_t size, pos, piece;
   bool timed_out;
 };
 
-Feed* feed_of(void* socket) { return static_cast<Feed*>(static_cast<ABSTRACT_SOCKET*>(socket)->handle); }
-
-// At the end of the input: one time-out (the header read may wait it out),
-// then the peer's close.
-int input_ended(void* socket) {
-  auto* s = static_cast<ABSTRACT_SOCKET*>(socket);
-  Feed* f = feed_of(socket);
-  s->err = f->timed_out ? ERR_SOCKET_CLOSED : ERR_SOCKET_TIMEOUT;
-  f->timed_out = true;
-  return s->err;
-}
-
 int feed_recv2(void* socket, char* buffer, int* length, int) {
-  Feed* f = feed_of(socket);
+  auto* s = static_cast<ABSTRACT_SOCKET*>(socket);
+  auto* f = static_cast<Feed*>(s->handle);
   if (f->pos == f->size) {
     *length = 0;
-    return input_ended(socket);
+    s->err = f->timed_out ? ERR_SOCKET_CLOSED : ERR_SOCKET_TIMEOUT;
+    f->timed_out = true;
+    return s->err;
   }
   const size_t n = std::min({static_cast<size_t>(*length), f->piece, f->size - f->pos});
   std::memcpy(buffer, f->data + f->pos, n);
@@ -109,8 +94,6 @@ int feed_recv(void* socket, char* buffer, int length, int timeout) {
   return 0;
 }
 
-int feed_send(void*, const char*, int) { return 0; }
-int feed_send2(void*, const char*, int, int) { return 0; }
 int feed_close(void* socket) {
   static_cast<ABSTRACT_SOCKET*>(socket)->handle = nullptr;
   return 0;
@@ -162,22 +145,18 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   s->handle = &feed;
   s->a_recv = feed_recv;
   s->a_recv2 = feed_recv2;
-  s->a_send = feed_send;
-  s->a_send2 = feed_send2;
+  s->a_send = [](void*, const char*, int) { return 0; };
+  s->a_send2 = [](void*, const char*, int, int) { return 0; };
   s->a_close = feed_close;
 
   const int rc = _http_read_response(req, resp, socket);
-  if (rc > 0) std::abort();
-  if (resp->data && resp->data[resp->data_len] != '\0') std::abort();
-  if (resp->data_len < 0) std::abort();
+  if (rc > 0 || resp->data_len < 0 || (resp->data && resp->data[resp->data_len] != '\0')) std::abort();
 
   socket_delete(socket);
   http_request_delete(req);
   http_response_delete(resp);
 
-  // Header lines become property entries (a few dozen bytes each for a few
-  // bytes of input); bodies and the header text grow by doubling; the read
-  // buffers are fixed.
+  // A few input bytes make a property entry of a few dozen; bodies grow by doubling.
   const long long peak = g_peak.load() - base;
   if (peak > 64 * static_cast<long long>(size) + (1 << 20)) std::abort();
   if (vekMemoryBlockUsed() != blocks_before) std::abort();

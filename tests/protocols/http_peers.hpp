@@ -1,7 +1,5 @@
-// Real HTTP peers for the client tests, each started on a loopback port the
-// system handed out and stopped by its pid: Python's http.server with a
-// handler for the odd replies, and nginx for static files over http and
-// https with the test CA's server certificate.
+// Real HTTP peers for the client tests, on loopback ports the system handed
+// out and stopped by pid: Python's http.server and nginx.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -21,11 +19,10 @@
 
 namespace httptest {
 
-// Python's http.server with a handler for the replies nginx does not make:
-// chunked bodies, HTTP/1.0 replies that end at the close, slow, stalled and
-// cut replies, odd headers, and echoes of what the client sent.
+// Python's http.server for the replies nginx does not make (chunked, ending at
+// the close, slow, stalled, cut, odd) and echoes of what the client sent.
 inline const char* kPythonHandler = R"PY(
-import hashlib, socket, sys, threading, time
+import hashlib, sys, threading, time
 from http.server import BaseHTTPRequestHandler, ThreadingHTTPServer
 from urllib.parse import urlsplit, parse_qs
 
@@ -39,9 +36,7 @@ class Handler(BaseHTTPRequestHandler):
     protocol_version = "HTTP/1.1"
     def log_message(self, *args): pass
     def do_GET(self): self.route()
-    def do_POST(self): self.route()
-    def do_PUT(self): self.route()
-    def do_DELETE(self): self.route()
+    do_POST = do_PUT = do_DELETE = do_GET
 
     def raw(self, data, pause=0):
         self.wfile.write(data)
@@ -68,24 +63,33 @@ class Handler(BaseHTTPRequestHandler):
                 if self.rfile.read(2) != b"\r\n": raise ValueError("chunk end")
         return self.rfile.read(int(self.headers.get("Content-Length", "0"))), None
 
+    def request_text(self):
+        text = "%s %s %s\n" % (self.command, self.path, self.request_version)
+        return text + "".join("%s: %s\n" % kv for kv in self.headers.items())
+
     def route(self):
         url = urlsplit(self.path)
         q = {k: v[0] for k, v in parse_qs(url.query).items()}
         n = int(q.get("n", "1000"))
         with lock:
             hits[url.path] = hits.get(url.path, 0) + 1
-        if url.path == "/echo":      # what arrived, body read by length or chunks
+        self.close_connection = True  # one exchange per connection; some bodies end at the close
+        if url.path in FIXED:
+            reply, piece, pause = FIXED[url.path]
+            for key, value in ((b"<n>", b"%d" % n), (b"<hex>", b"%x" % n), (b"<half>", pattern(n // 2)),
+                               (b"<body>", pattern(n))):
+                reply = reply.replace(key, value)
+            piece = piece(n) if callable(piece) else piece or len(reply)
+            try:
+                for i in range(0, len(reply), piece): self.raw(reply[i:i + piece], pause)
+            except OSError: pass  # the client may stop reading early
+        elif url.path == "/echo":      # what arrived, body read by length or chunks
             body, sizes = self.read_body()
-            text = "%s %s %s\n" % (self.command, self.path, self.request_version)
-            text += "".join("%s: %s\n" % kv for kv in self.headers.items())
-            text += "body %d %s\n" % (len(body), hashlib.sha256(body).hexdigest())
+            text = self.request_text() + "body %d %s\n" % (len(body), hashlib.sha256(body).hexdigest())
             text += "chunks %s\n" % (",".join(map(str, sizes)) if sizes is not None else "-")
             self.reply(text.encode())
         elif url.path == "/headers":  # what arrived, body left unread
-            text = "%s %s %s\n" % (self.command, self.path, self.request_version)
-            text += "".join("%s: %s\n" % kv for kv in self.headers.items())
-            self.reply(text.encode(), extra=[("Connection", "close")])
-            self.close_connection = True
+            self.reply(self.request_text().encode(), extra=[("Connection", "close")])
         elif url.path == "/hits":
             self.reply(str(hits.get(q["p"], 0)).encode())
         elif url.path == "/chunked":  # sizes in hex of both cases, one with an extension
@@ -99,48 +103,31 @@ class Handler(BaseHTTPRequestHandler):
                 self.raw(head.encode() + b"\r\n" + part + b"\r\n")
             if at < n: self.raw(b"%x\r\n" % (n - at) + data[at:] + b"\r\n")
             self.raw(b"0\r\n\r\n")
-        elif url.path == "/close":     # HTTP/1.0, no length: the body ends at the close
-            self.raw(b"HTTP/1.0 200 OK\r\nContent-Type: application/octet-stream\r\n\r\n" + pattern(n))
-            self.close_connection = True
-        elif url.path == "/slow":      # a body in pieces, each well inside the time-out
-            self.raw(b"HTTP/1.1 200 OK\r\nContent-Length: %d\r\n\r\n" % n)
-            for i in range(4): self.raw(pattern(n)[i * n // 4:(i + 1) * n // 4], 0.2)
-        elif url.path == "/slow-header":  # the header a few bytes at a time
-            head = b"HTTP/1.1 200 OK\r\nX-Slow: yes\r\nContent-Length: 2\r\n\r\nok"
-            for i in range(0, len(head), 8): self.raw(head[i:i + 8], 0.05)
-        elif url.path == "/stall":     # part of the body, then silence
-            self.raw(b"HTTP/1.1 200 OK\r\nContent-Length: %d\r\n\r\n" % n + pattern(n // 2), 3)
-        elif url.path == "/stall-header":
-            self.raw(b"HTTP/1.1 200 OK\r\nX-Half: ", 3)
-        elif url.path == "/cut-length":  # the peer closes before the announced length
-            self.raw(b"HTTP/1.1 200 OK\r\nContent-Length: %d\r\n\r\n" % n + pattern(n // 2))
-            self.close_connection = True
-        elif url.path == "/cut-chunked":
-            self.raw(b"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n%x\r\n" % n + pattern(n // 2))
-            self.close_connection = True
-        elif url.path == "/claim-big":  # announces far more than it sends
-            self.raw(b"HTTP/1.1 200 OK\r\nContent-Length: 2000000000\r\n\r\n" + pattern(n))
-            self.close_connection = True
-        elif url.path == "/r307":
-            self.reply(b"moved", 307, [("Location", "http://127.0.0.1:1/elsewhere")])
-        elif url.path == "/missing":
-            self.reply(b"no such thing", 404)
-        elif url.path == "/odd-headers":
-            self.raw(b"HTTP/1.1 200 OK\r\nX-Twice: one\r\nx-twice: two\r\nNoSpace:value\r\n"
-                     b"no colon here\r\n: empty name\r\nContent-Length: 2\r\n\r\nok")
-        elif url.path == "/lf-only":
-            self.raw(b"HTTP/1.1 200 OK\nContent-Length: 2\n\n\n\nok")
-        elif url.path == "/not-http":
-            self.raw(b"ICY 200 OK\r\n\r\n")
-            self.close_connection = True
-        elif url.path == "/endless-header":
-            self.raw(b"HTTP/1.1 200 OK\r\n")
-            try:
-                for i in range(40000): self.raw(b"X-Filler-%d: %s\r\n" % (i, b"x" * 40))
-            except OSError: pass
-            self.close_connection = True
         else:
             self.reply(b"unknown", 500)
+
+# path: (reply, piece size (0: all at once), pause after each piece). In the
+# reply <n> and <hex> stand for the query's n, <body> and <half> for n and n/2
+# pattern bytes. /slow sends its body in quarters, /stall falls silent.
+OK, LENGTH = b"HTTP/1.1 200 OK\r\n", b"Content-Length: <n>\r\n\r\n"
+FIXED = {
+    "/close": (b"HTTP/1.0 200 OK\r\nContent-Type: application/octet-stream\r\n\r\n<body>", 0, 0),
+    "/slow": (OK + LENGTH + b"<body>", lambda n: n // 4 + 40, 0.2),  # the header goes with the first quarter
+    "/slow-header": (OK + b"X-Slow: yes\r\nContent-Length: 2\r\n\r\nok", 8, 0.05),
+    "/stall": (OK + LENGTH + b"<half>", 0, 3),
+    "/stall-header": (OK + b"X-Half: ", 0, 3),
+    "/cut-length": (OK + LENGTH + b"<half>", 0, 0),
+    "/cut-chunked": (OK + b"Transfer-Encoding: chunked\r\n\r\n<hex>\r\n<half>", 0, 0),
+    "/claim-big": (OK + b"Content-Length: 2000000000\r\n\r\n<body>", 0, 0),
+    "/r307": (b"HTTP/1.1 307 Temporary Redirect\r\nLocation: http://127.0.0.1:1/elsewhere\r\n"
+              b"Content-Length: 5\r\n\r\nmoved", 0, 0),
+    "/missing": (b"HTTP/1.1 404 Not Found\r\nContent-Length: 13\r\n\r\nno such thing", 0, 0),
+    "/odd-headers": (OK + b"X-Twice: one\r\nx-twice: two\r\nNoSpace:value\r\nno colon here\r\n: empty name\r\n"
+                     b"Content-Length: 2\r\n\r\nok", 0, 0),
+    "/lf-only": (b"HTTP/1.1 200 OK\nContent-Length: 2\n\n\n\nok", 0, 0),
+    "/not-http": (b"ICY 200 OK\r\n\r\n", 0, 0),
+    "/endless-header": (OK + b"".join(b"X-Filler-%d: %s\r\n" % (i, b"x" * 40) for i in range(40000)), 0, 0),
+}
 
 class Server(ThreadingHTTPServer):
     daemon_threads = True
@@ -172,65 +159,44 @@ class PythonPeer {
 // https with the test CA's server certificate; /r307 answers 307.
 class NginxPeer {
  public:
-  NginxPeer(const vektest::TempDir& dir, const std::string& root) {
+  NginxPeer(const vektest::TempDir& dir, const std::string& root) : access_log_(dir.file("access.log")) {
     const vektest::TestPki& pki = vektest::test_pki();
     http_port_ = vektest::free_tcp_port();
     https_port_ = vektest::free_tcp_port();
+    std::string temp_paths;
+    for (const char* kind : {"client_body", "proxy", "fastcgi", "uwsgi", "scgi"})
+      temp_paths += std::string("  ") + kind + "_temp_path " + dir.path() + ";\n";
     const std::string conf = dir.file("nginx.conf");
-    vektest::write_file(conf, "daemon off;\nmaster_process off;\npid " + dir.file("nginx.pid") +
-                                  ";\nerror_log " + dir.file("nginx-error.log") +
-                                  " warn;\nevents { worker_connections 256; }\nhttp {\n"
-                                  "  log_format sni '$remote_addr \"$request\" $status sni=$ssl_server_name';\n"
-                                  "  access_log " + dir.file("access.log") + " sni;\n"
-                                  "  client_body_temp_path " + dir.path() + ";\n"
-                                  "  proxy_temp_path " + dir.path() + ";\n"
-                                  "  fastcgi_temp_path " + dir.path() + ";\n"
-                                  "  uwsgi_temp_path " + dir.path() + ";\n"
-                                  "  scgi_temp_path " + dir.path() + ";\n"
-                                  "  sendfile on;\n"
-                                  "  server {\n"
-                                  "    listen 127.0.0.1:" + std::to_string(http_port_) + ";\n"
-                                  "    listen 127.0.0.1:" + std::to_string(https_port_) + " ssl;\n"
-                                  "    ssl_certificate " + pki.file("server.pem") + ";\n"
-                                  "    ssl_certificate_key " + pki.file("server.key") + ";\n"
-                                  "    root " + root + ";\n"
-                                  "    location = /r307 { return 307 /elsewhere; }\n"
-                                  "  }\n}\n");
-    ok_ = pki.ok && process_.start({"/usr/sbin/nginx", "-e", dir.file("nginx-error.log"), "-c", conf}, dir.file("nginx.out")) &&
+    vektest::write_file(conf, "daemon off;\nmaster_process off;\npid " + dir.file("nginx.pid") + ";\nerror_log " +
+                                  dir.file("nginx-error.log") + " warn;\nevents { worker_connections 256; }\nhttp {\n" +
+                                  "  log_format sni '$remote_addr \"$request\" $status sni=$ssl_server_name';\n" +
+                                  "  access_log " + access_log_ + " sni;\n" + temp_paths + "  sendfile on;\n" +
+                                  "  server {\n    listen 127.0.0.1:" + std::to_string(http_port_) + ";\n" +
+                                  "    listen 127.0.0.1:" + std::to_string(https_port_) + " ssl;\n" +
+                                  "    ssl_certificate " + pki.file("server.pem") + ";\n" +
+                                  "    ssl_certificate_key " + pki.file("server.key") + ";\n" +
+                                  "    root " + root + ";\n    location = /r307 { return 307 /elsewhere; }\n  }\n}\n");
+    ok_ = pki.ok &&
+          process_.start({"/usr/sbin/nginx", "-e", dir.file("nginx-error.log"), "-c", conf}, dir.file("nginx.out")) &&
           process_.wait_tcp_port(http_port_) && process_.wait_tcp_port(https_port_);
-    access_log_ = dir.file("access.log");
   }
   bool ok() const { return ok_; }
   std::string http(const std::string& path) const { return "http://127.0.0.1:" + std::to_string(http_port_) + path; }
   std::string https(const std::string& path, const std::string& host = "127.0.0.1") const {
     return "https://" + host + ":" + std::to_string(https_port_) + path;
   }
-  int http_port() const { return http_port_; }
   int https_port() const { return https_port_; }
-  // Requests nginx has logged for a path so far.
-  int hits(const std::string& path) const {
-    const std::string log = vektest::read_file(access_log_), needle = " " + path + " HTTP/";
+  // How often the access log names `text`. nginx logs a request after the
+  // response has gone out, so this waits (bounded, 5 s) for at least `want`.
+  int logged(const std::string& text, int want = 1) const {
     int n = 0;
-    for (size_t at = log.find(needle); at != std::string::npos; at = log.find(needle, at + 1)) ++n;
-    return n;
-  }
-  // nginx logs a request after the response has gone out, so a count read
-  // right after the client returns may lag; wait (bounded) for `want`.
-  int hits_once_settled(const std::string& path, int want) const {
-    int n = hits(path);
-    for (int tries = 0; n < want && tries < 500; ++tries) {
-      usleep(10 * 1000);
-      n = hits(path);
+    for (int tries = 0; tries < 500; ++tries, usleep(10 * 1000)) {
+      const std::string log = vektest::read_file(access_log_);
+      n = 0;
+      for (size_t at = log.find(text); at != std::string::npos; at = log.find(text, at + 1)) ++n;
+      if (n >= want) break;
     }
     return n;
-  }
-  // Whether the access log holds `text`, waiting (bounded) for it as above.
-  bool logged(const std::string& text) const {
-    for (int tries = 0; tries < 500; ++tries) {
-      if (vektest::read_file(access_log_).find(text) != std::string::npos) return true;
-      usleep(10 * 1000);
-    }
-    return false;
   }
 
  private:
@@ -253,10 +219,11 @@ struct Exchange {
   Exchange(const Exchange&) = delete;
   Exchange& operator=(const Exchange&) = delete;
 
-  int get(const std::string& u) {
+  // Runs the request (a GET unless a method is set) against u.
+  int call(const std::string& u) {
     url = u;
     req->url = url.c_str();
-    req->method = HTTP_METHOD_GET;
+    if (!req->method) req->method = HTTP_METHOD_GET;
     return http_client(req, resp);
   }
   std::string body() const { return resp->data ? std::string(resp->data, static_cast<size_t>(resp->data_len)) : ""; }

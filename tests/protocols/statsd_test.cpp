@@ -1,16 +1,10 @@
 // ctest-labels: tsan
-// statsd publisher: exact datagrams on a raw socket, one publisher shared by
-// threads, and the statsd daemon from the npm registry aggregating what we
-// send.
-#include <libgen.h>
-#include <unistd.h>
-
+// statsd publisher: exact datagrams, one publisher shared by threads, and the
+// statsd daemon from the npm registry aggregating what we send.
 #include <chrono>
 #include <cmath>
-#include <fstream>
-#include <map>
+#include <filesystem>
 #include <set>
-#include <sstream>
 #include <thread>
 #include <vector>
 
@@ -93,6 +87,10 @@ TEST_F(StatsdTest, RefusesMissingArguments) {
 // metrics mixed into one.
 TEST_F(StatsdTest, ThreadsShareOnePublisher) {
   const int threads = 4, per_thread = vektest::kSanitized ? 500 : 5000;
+  const auto expected = [](int t, int i) {
+    const char* kinds[] = {"|g", "|ms", "|c|@0.25"};
+    return "worker." + std::to_string(t) + ":" + std::to_string(i) + kinds[i % 3];
+  };
   std::vector<std::thread> workers;
   for (int t = 0; t < threads; ++t)
     workers.emplace_back([this, t, per_thread] {
@@ -107,13 +105,10 @@ TEST_F(StatsdTest, ThreadsShareOnePublisher) {
   std::set<std::string> seen;
   int malformed = 0;
   while (auto datagram = sink_.receive(500)) {
-    int t = -1, i = -1, n = 0;
-    char kind[8] = {};
-    const bool ok = std::sscanf(datagram->c_str(), "worker.%d:%d|%7[a-z]%n", &t, &i, kind, &n) == 3;
-    const std::string rest = datagram->substr(ok ? n : 0);
-    const char* expected_kind = i % 3 == 0 ? "g" : i % 3 == 1 ? "ms" : "c";
-    if (!ok || t < 0 || t >= threads || std::string(kind) != expected_kind || rest != (i % 3 == 2 ? "|@0.25" : ""))
-      ++malformed;
+    int t = -1, i = -1;
+    const bool ok = std::sscanf(datagram->c_str(), "worker.%d:%d|", &t, &i) == 2 && t >= 0 && t < threads &&
+                    i >= 0 && *datagram == expected(t, i);
+    malformed += ok ? 0 : 1;
     seen.insert(*datagram);
   }
   for (std::thread& w : workers) w.join();
@@ -123,46 +118,31 @@ TEST_F(StatsdTest, ThreadsShareOnePublisher) {
   EXPECT_GE(seen.size(), static_cast<size_t>(threads * per_thread * 9 / 10));
 }
 
-// ---- the statsd daemon -----------------------------------------------------
-
-std::string source_root() {
-  std::string file = __FILE__;  // <root>/tests/protocols/statsd_test.cpp
-  for (int i = 0; i < 3; ++i) file = file.substr(0, file.find_last_of('/'));
-  return file;
-}
-
-std::string executable_dir() {
-  char path[4096] = {};
-  const ssize_t n = readlink("/proc/self/exe", path, sizeof path - 1);
-  if (n <= 0) return ".";
-  return dirname(path);
-}
-
-// The statsd daemon (npm package "statsd", run with the machine's node),
-// installed on first use into peers/statsd beside the test binary. A small
-// backend written by the test appends every flush as text lines:
-// "c NAME VALUE", "g NAME VALUE", "t NAME V1,V2,...".
+// The statsd daemon (npm package "statsd", installed on first use beside the
+// test binary) run with the machine's node. A small backend keeps running
+// totals over all flushes (counters added, gauges replaced, timer samples
+// collected) and rewrites them as sorted lines "c|g|t NAME VALUE" each flush.
 class StatsdDaemon {
  public:
-  static std::string install_dir() { return executable_dir() + "/peers/statsd"; }
-
   // Empty when the daemon runs; otherwise why it could not be started.
   std::string start() {
+    namespace fs = std::filesystem;
+    const std::string root = fs::path(__FILE__).parent_path().parent_path().parent_path();
+    const std::string install = fs::read_symlink("/proc/self/exe").parent_path() / "peers/statsd";
     std::string log;
-    if (vektest::run_program({source_root() + "/scripts/install-statsd.sh", install_dir()}, &log, "", 300000) != 0)
+    if (vektest::run_program({root + "/scripts/install-statsd.sh", install}, &log, "", 300000) != 0)
       return "installing statsd with npm failed: " + log;
     port_ = vektest::free_udp_port();
     const int mgmt_port = vektest::free_tcp_port();
-    flushes_ = dir_.file("flushes.txt");
+    totals_ = dir_.file("totals.txt");
     vektest::write_file(dir_.file("backend.js"), R"(
-var fs = require('fs');
+var fs = require('fs'), totals = {};
 exports.init = function (startup, config, events) {
   events.on('flush', function (ts, m) {
-    var out = '';
-    for (var k in m.counters) out += 'c ' + k + ' ' + m.counters[k] + '\n';
-    for (var k in m.gauges) out += 'g ' + k + ' ' + m.gauges[k] + '\n';
-    for (var k in m.timers) out += 't ' + k + ' ' + m.timers[k].join(',') + '\n';
-    fs.appendFileSync(config.flushFile, out);
+    for (var k in m.counters) totals['c ' + k] = (totals['c ' + k] || 0) + m.counters[k];
+    for (var k in m.gauges) totals['g ' + k] = m.gauges[k];
+    for (var k in m.timers) totals['t ' + k] = (totals['t ' + k] || []).concat(m.timers[k]).sort((a, b) => a - b);
+    fs.writeFileSync(config.totalsFile, Object.keys(totals).sort().map(k => k + ' ' + totals[k] + '\n').join(''));
   });
   return true;
 };
@@ -170,9 +150,9 @@ exports.init = function (startup, config, events) {
     vektest::write_file(dir_.file("config.js"),
                         "{ port: " + std::to_string(port_) + ", address: \"127.0.0.1\", mgmt_port: " +
                             std::to_string(mgmt_port) + ", mgmt_address: \"127.0.0.1\", flushInterval: 200, " +
-                            "backends: [\"" + dir_.file("backend.js") + "\"], flushFile: \"" + flushes_ +
+                            "backends: [\"" + dir_.file("backend.js") + "\"], totalsFile: \"" + totals_ +
                             "\", deleteIdleStats: true }\n");
-    if (!process_.start({"node", install_dir() + "/node_modules/statsd/stats.js", dir_.file("config.js")},
+    if (!process_.start({"node", install + "/node_modules/statsd/stats.js", dir_.file("config.js")},
                         dir_.file("statsd.log")))
       return "node could not be started";
     if (!process_.wait_tcp_port(mgmt_port, 20000)) return "statsd did not come up: " + read_log();
@@ -180,35 +160,12 @@ exports.init = function (startup, config, events) {
   }
   std::string address() const { return "127.0.0.1:" + std::to_string(port_); }
   std::string read_log() const { return vektest::read_file(dir_.file("statsd.log")); }
-
-  // Everything flushed so far, summed up: counters added, gauges replaced,
-  // timer samples collected.
-  struct Totals {
-    std::map<std::string, double> counters, gauges;
-    std::map<std::string, std::multiset<double>> timers;
-  };
-  Totals totals() const {
-    Totals t;
-    std::istringstream in(vektest::read_file(flushes_));
-    std::string kind, name, value;
-    while (in >> kind >> name) {
-      std::getline(in, value);
-      if (kind == "c") t.counters[name] += std::stod(value);
-      if (kind == "g") t.gauges[name] = std::stod(value);
-      if (kind == "t") {
-        std::istringstream samples(value);
-        std::string sample;
-        while (std::getline(samples, sample, ','))
-          if (sample.find_first_not_of(' ') != std::string::npos) t.timers[name].insert(std::stod(sample));
-      }
-    }
-    return t;
-  }
+  std::string totals() const { return vektest::read_file(totals_); }
 
  private:
   vektest::TempDir dir_;
   vektest::PeerProcess process_;
-  std::string flushes_;
+  std::string totals_;
   int port_ = 0;
 };
 
@@ -229,20 +186,20 @@ TEST_F(StatsdDaemonTest, DaemonAggregatesGaugesCountersAndTimings) {
   ASSERT_EQ(0, statsd_publish_timing(publisher, "vek.latency", 80));
   ASSERT_EQ(0, statsd_delete(publisher));
 
-  StatsdDaemon::Totals t;
-  for (int i = 0; i < 100; ++i) {
-    t = daemon.totals();
-    if (t.counters["vek.hits"] == 5 && t.counters["vek.sampled"] == 16 && t.timers["vek.latency"].size() == 2 &&
-        t.gauges.count("vek.temperature"))
-      break;
+  const std::vector<std::string> expected = {"c statsd.bad_lines_seen 0\n", "c statsd.metrics_received 7\n",
+                                             "c vek.hits 5\n", "c vek.sampled 16\n", "g vek.temperature 42\n",
+                                             "t vek.latency 80,120\n"};
+  const auto has_all = [&](const std::string& text) {
+    for (const std::string& line : expected)
+      if (text.find(line) == std::string::npos) return false;
+    return true;
+  };
+  std::string totals = daemon.totals();
+  for (int i = 0; i < 100 && !has_all(totals); ++i) {
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    totals = daemon.totals();
   }
-  EXPECT_EQ(42, t.gauges["vek.temperature"]);
-  EXPECT_EQ(5, t.counters["vek.hits"]);
-  EXPECT_EQ(16, t.counters["vek.sampled"]);
-  EXPECT_EQ((std::multiset<double>{80, 120}), t.timers["vek.latency"]);
-  EXPECT_EQ(0, t.counters["statsd.bad_lines_seen"]) << daemon.read_log();
-  EXPECT_EQ(7, t.counters["statsd.metrics_received"]);
+  for (const std::string& line : expected) EXPECT_NE(std::string::npos, totals.find(line)) << line << totals;
 }
 
 }  // namespace
