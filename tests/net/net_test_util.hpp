@@ -46,14 +46,6 @@ inline int local_port(int fd) {
   return ntohs(sin.sin_port);
 }
 
-inline sockaddr_in loopback_addr(int port) {
-  sockaddr_in sin{};
-  sin.sin_family = AF_INET;
-  sin.sin_port = htons(static_cast<uint16_t>(port));
-  sin.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  return sin;
-}
-
 // A raw listening socket on 127.0.0.1 with a port the system chose.
 class RawListener {
  public:
@@ -61,7 +53,7 @@ class RawListener {
     fd_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     int one = 1;
     setsockopt(fd_, SOL_SOCKET, SO_REUSEADDR, &one, sizeof(one));
-    const sockaddr_in sin = loopback_addr(0);
+    const sockaddr_in sin = vektest::loopback_sockaddr(0);
     if (bind(fd_, reinterpret_cast<const sockaddr*>(&sin), sizeof(sin)) != 0 || listen(fd_, backlog) != 0) {
       close(fd_);
       fd_ = -1;
@@ -90,7 +82,7 @@ class RawListener {
 // A raw client of 127.0.0.1:port, or -1; with SOCK_NONBLOCK the handshake may still be under way.
 inline int raw_connect(int port, int flags = 0) {
   int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | flags, 0);
-  const sockaddr_in sin = loopback_addr(port);
+  const sockaddr_in sin = vektest::loopback_sockaddr(port);
   if (connect(fd, reinterpret_cast<const sockaddr*>(&sin), sizeof(sin)) != 0 && errno != EINPROGRESS) {
     close(fd);
     return -1;

@@ -44,7 +44,7 @@ std::string cbc(bool encrypt, const std::string& in) { return openssl_cbc(encryp
 
 bool port_bound(int port) {
   int probe = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  const sockaddr_in sin = loopback_addr(port);
+  const sockaddr_in sin = vektest::loopback_sockaddr(port);
   const bool taken = bind(probe, reinterpret_cast<const sockaddr*>(&sin), sizeof sin) != 0;
   close(probe);
   return taken;

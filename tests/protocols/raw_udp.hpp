@@ -11,6 +11,8 @@
 #include <optional>
 #include <string>
 
+#include "peer.hpp"
+
 namespace vektest {
 
 class RawUdp {
@@ -20,7 +22,7 @@ class RawUdp {
     fd_ = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     const int queue = 4 * 1024 * 1024;
     setsockopt(fd_, SOL_SOCKET, SO_RCVBUF, &queue, sizeof queue);
-    sockaddr_in addr = loopback(0);
+    sockaddr_in addr = loopback_sockaddr(0);
     socklen_t size = sizeof addr;
     if (bind(fd_, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0 &&
         getsockname(fd_, reinterpret_cast<sockaddr*>(&addr), &size) == 0)
@@ -47,17 +49,9 @@ class RawUdp {
   }
 
   bool send_to(int port, const std::string& data) const {
-    sockaddr_in addr = loopback(port);
+    sockaddr_in addr = loopback_sockaddr(port);
     return sendto(fd_, data.data(), data.size(), 0, reinterpret_cast<sockaddr*>(&addr), sizeof addr) ==
            static_cast<ssize_t>(data.size());
-  }
-
-  static sockaddr_in loopback(int port) {
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_port = htons(static_cast<uint16_t>(port));
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    return addr;
   }
 
  private:

@@ -1,6 +1,8 @@
 // Real peer programs, started as child processes on loopback and stopped by pid.
 #pragma once
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
 #include <sys/types.h>
 
 #include <initializer_list>
@@ -13,6 +15,15 @@ namespace vektest {
 int free_tcp_port();
 // The same for UDP.
 int free_udp_port();
+
+// 127.0.0.1:port as a socket address.
+inline sockaddr_in loopback_sockaddr(int port) {
+  sockaddr_in sin{};
+  sin.sin_family = AF_INET;
+  sin.sin_port = htons(static_cast<uint16_t>(port));
+  sin.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  return sin;
+}
 
 // True when the program is on PATH (or is an executable path).
 bool have_program(const std::string& name);
