@@ -7,12 +7,16 @@
 // an empty field without qualifiers.
 //
 // Import reads the file in large blocks and cuts it into records. Each
-// record becomes one "INSERT INTO table [(columns)] VALUES (...)" statement
-// built in a blob: fields are SQL string literals (quote doubled), an empty
-// field is NULL, and header names are quoted identifiers (double quote
-// doubled), so nothing in the file can change what the statement does. The
-// statement text is run as it stands, not formatted again, so a percent sign
-// needs no doubling. A transaction is committed every 100 records.
+// record is one "INSERT INTO table [(columns)] VALUES (...)" statement:
+// fields are SQL string literals (quote doubled), an empty field is NULL,
+// and header names are quoted identifiers (double quote doubled), so
+// nothing in the file can change what the statement does. The statement is
+// prepared once with a parameter in place of each literal and run with the
+// record's values bound; its text, built in a blob, is what the log
+// callback and the failure lines show, and what runs when the statement
+// cannot be prepared. The text is run as it stands, not formatted again, so
+// a percent sign needs no doubling. A transaction is committed every 100
+// records.
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -212,7 +216,7 @@ class Record {
     if (storing_) fields_[count_ - 1] = Field{static_cast<int>(used_), 0, false};
   }
   void text(const char* p, size_t n) {
-    if (!storing_) return;
+    if (!storing_ || n == 0) return;
     if (!reserve_bytes(n)) {
       storing_ = false;
       bad = true;
@@ -460,7 +464,7 @@ struct Import {
   int prefix_len;       // "INSERT INTO ... VALUES (" in the blob
   int columns;          // fields of the first record
   sqlite3_stmt* insert;  // the prefix with a parameter per column; null: run the text
-  bool insert_prepared;  // preparing was tried
+  bool prepare_tried;
   int success;
   int error;
   int batch_success;  // inserted since the last commit
@@ -557,7 +561,7 @@ bool plain_table_name(const char* name) { return name[std::strcspn(name, "?:@$#;
 // when the prefix does not prepare into exactly that statement, records are
 // run as text, which gives SQLite's own failure for every one of them.
 void prepare_insert(Import& im) {
-  im.insert_prepared = true;
+  im.prepare_tried = true;
   if (!statement_api.available() || !plain_table_name(im.tablename)) return;
   bool built = true;
   for (int i = 0; built && i < im.columns; ++i) built = append(im.blob, i ? ",?" : "?", i ? 2 : 1);
@@ -654,7 +658,7 @@ void insert(Import& im) {
     ++im.error;
     return;
   }
-  if (!im.insert_prepared) prepare_insert(im);
+  if (!im.prepare_tried) prepare_insert(im);
   int rc;
   if (im.insert) {
     rc = run_prepared(im);
