@@ -8,6 +8,7 @@
 #include <cstddef>
 #include <cstring>
 #include <initializer_list>
+#include <type_traits>
 
 #include <vekutil/loader.h>
 #include <vekutil/mutex.h>
@@ -31,6 +32,7 @@ static_assert(offsetof(_AUTOINC, id) == 0 && offsetof(_AUTOINC, name) == sizeof(
 namespace vek::sql {
 
 Api api{};
+StatementApi statement_api{};
 
 namespace {
 
@@ -83,6 +85,29 @@ bool bind_all(void* library, Api& a) {
          bind(library, a.table_column_metadata, "sqlite3_table_column_metadata");
 }
 
+// Binds what SQLite offers for prepared statements; a missing function
+// leaves the whole set unused, without a log line.
+StatementApi bind_statement_functions(void* library) {
+  StatementApi a{};
+  auto find = [library](auto& slot, const char* name) {
+    void* symbol = loader_get_symbol(library, name);
+    if (!symbol) {
+      char underscored[64] = "_";
+      vek::copy_name(underscored + 1, sizeof underscored - 1, name);
+      symbol = loader_get_symbol(library, underscored);
+    }
+    slot = reinterpret_cast<std::remove_reference_t<decltype(slot)>>(symbol);
+  };
+  find(a.prepare_v2, "sqlite3_prepare_v2");
+  find(a.bind_parameter_count, "sqlite3_bind_parameter_count");
+  find(a.bind_text, "sqlite3_bind_text");
+  find(a.bind_null, "sqlite3_bind_null");
+  find(a.step, "sqlite3_step");
+  find(a.reset, "sqlite3_reset");
+  find(a.finalize, "sqlite3_finalize");
+  return a.available() ? a : StatementApi{};
+}
+
 // The shared object: the configured path, else the development name and
 // then the run-time name, which is all a machine without the development
 // files has.
@@ -108,6 +133,7 @@ int load() {
     return ERR_SQLITE_LOAD;
   }
   api = bound;
+  statement_api = bind_statement_functions(library);
   __atomic_store_n(&g_sqlite_dbhandle, library, __ATOMIC_RELEASE);
   return 0;
 }
@@ -320,22 +346,31 @@ int not_open(Handle* h) {
   return ERR_SQLITE_FAILED;
 }
 
-int run(Handle* h, const char* sql, ExecCallback callback, void* custom, Caller caller) {
-  if (!h->dbhandle) return not_open(h);
+int start_statement(Handle* h, const char* sql) {
   h->dbcount = 0;
   const int changes_before = api.total_changes(h->dbhandle);
-  log_sql(h, sql);
-  char* err = nullptr;
-  const int rc = api.exec(h->dbhandle, sql, callback, custom, &err);
+  if (sql) log_sql(h, sql);
+  return changes_before;
+}
+
+int finish_statement(Handle* h, int changes_before, int rc, char* err, const char* sql, Caller caller) {
   // The update hook misses rows that SQLite removes wholesale (a DELETE
   // without WHERE) and tables without row ids; the connection's change
   // counter sees those.
   const int changes = api.total_changes(h->dbhandle) - changes_before;
   if (changes > h->dbcount) h->dbcount = changes;
   if (rc == kOk && !err) return h->dbcount;
-  if (rc != kConstraint) log_failure(caller, sql, rc, err ? err : "");
+  if (rc != kConstraint) log_failure(caller, sql ? sql : "", rc, err ? err : "");
   keep_error(h, rc, err);
   return map_result(rc, true);
+}
+
+int run(Handle* h, const char* sql, ExecCallback callback, void* custom, Caller caller) {
+  if (!h->dbhandle) return not_open(h);
+  const int changes_before = start_statement(h, sql);
+  char* err = nullptr;
+  const int rc = api.exec(h->dbhandle, sql, callback, custom, &err);
+  return finish_statement(h, changes_before, rc, err, sql, caller);
 }
 
 }  // namespace vek::sql

@@ -7,12 +7,16 @@
 // an empty field without qualifiers.
 //
 // Import reads the file in large blocks and cuts it into records. Each
-// record becomes one "INSERT INTO table [(columns)] VALUES (...)" statement
-// built in a blob: fields are SQL string literals (quote doubled), an empty
-// field is NULL, and header names are quoted identifiers (double quote
-// doubled), so nothing in the file can change what the statement does. The
-// statement text is run as it stands, not formatted again, so a percent sign
-// needs no doubling. A transaction is committed every 100 records.
+// record is one "INSERT INTO table [(columns)] VALUES (...)" statement:
+// fields are SQL string literals (quote doubled), an empty field is NULL,
+// and header names are quoted identifiers (double quote doubled), so
+// nothing in the file can change what the statement does. The statement is
+// prepared once with a parameter in place of each literal and run with the
+// record's values bound; its text, built in a blob, is what the log
+// callback and the failure lines show, and what runs when the statement
+// cannot be prepared. The text is run as it stands, not formatted again, so
+// a percent sign needs no doubling. A transaction is committed every 100
+// records.
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -172,45 +176,97 @@ int finish_export(CsvWriter& w, int rc) {
 
 enum class RecordStatus { kRecord, kNeedMore, kEnd, kFailed };
 
-// Turns field text into SQL: string literals (or NULL) for values, quoted
-// identifiers for header names. Kept in a blob between records.
-struct SqlSink {
-  void* blob;
-  char quote;       // '\'' for literals, '"' for identifiers
-  bool identifiers;
-  int fields;
-  bool bad;         // a zero byte, too many fields, an open qualifier, no memory
-  bool empty_name;
+// Where one field's text lies in its record.
+struct Field {
+  int offset;
+  int length;
+  bool null;  // an empty field without qualifiers
+};
 
-  // A statement missing a piece could read differently: a failed append
-  // refuses the record.
-  void add(const char* text, size_t n) {
-    if (n > kMaxRecord || blob_append(blob, text, static_cast<int>(n)) != 0) bad = true;
+// One record as the file means it: the field texts (qualifiers removed, a
+// doubled qualifier read as one) one after another, and where each lies.
+// The reader fills it; the importer binds the fields or quotes them into a
+// statement. Fields beyond the limit are counted but not kept, since such a
+// record is refused anyway.
+class Record {
+ public:
+  Record() = default;
+  Record(const Record&) = delete;
+  Record& operator=(const Record&) = delete;
+  ~Record() {
+    release(bytes_, kSource, __LINE__);
+    release(fields_, kSource, __LINE__);
   }
 
+  void clear() {
+    used_ = 0;
+    count_ = 0;
+    bad = false;
+  }
+  void set_limit(int fields) { limit_ = fields; }
+
+  int count() const { return count_; }
+  const Field& field(int i) const { return fields_[i]; }
+  // The field's text; never null, so that an empty text stays a text.
+  const char* text_of(const Field& f) const { return f.length ? bytes_ + f.offset : ""; }
+
+  // What the reader calls, field by field.
   void begin_field() {
-    if (fields++) add(",", 1);
-    add(&quote, 1);
+    storing_ = count_++ < limit_ && !bad && reserve_field();
+    if (storing_) fields_[count_ - 1] = Field{static_cast<int>(used_), 0, false};
   }
-  // Copies text, doubling the quote character.
   void text(const char* p, size_t n) {
-    const char* end = p + n;
-    for (const char* hit; (hit = static_cast<const char*>(std::memchr(p, quote, static_cast<size_t>(end - p))));
-         p = hit + 1) {
-      add(p, static_cast<size_t>(hit - p) + 1);
-      add(&quote, 1);
-    }
-    add(p, static_cast<size_t>(end - p));
-  }
-  void end_field(bool qualified, bool empty) {
-    if (!empty || qualified || identifiers) {
-      if (empty && identifiers) empty_name = true;
-      add(&quote, 1);
+    if (!storing_ || n == 0) return;
+    if (!reserve_bytes(n)) {
+      storing_ = false;
+      bad = true;
       return;
     }
-    blob_truncate(blob, -1);  // the opening quote: an empty field is NULL
-    add("NULL", 4);
+    std::memcpy(bytes_ + used_, p, n);
+    used_ += n;
   }
+  void end_field(bool qualified, bool empty) {
+    if (!storing_) return;
+    Field& f = fields_[count_ - 1];
+    f.length = static_cast<int>(used_ - static_cast<size_t>(f.offset));
+    f.null = empty && !qualified;
+  }
+
+  bool bad = false;  // a zero byte, an open qualifier, no memory
+
+ private:
+  bool reserve_field() {
+    if (count_ <= field_capacity_) return true;
+    const int grown = field_capacity_ ? field_capacity_ * 2 : 16;
+    auto* p = static_cast<Field*>(_vekRealloc(fields_, sizeof(Field) * static_cast<size_t>(grown), kSource, __LINE__));
+    if (!p) {
+      bad = true;
+      return false;
+    }
+    fields_ = p;
+    field_capacity_ = grown;
+    return true;
+  }
+  bool reserve_bytes(size_t n) {
+    if (n <= byte_capacity_ - used_) return true;
+    if (n > kMaxRecord - used_) return false;
+    size_t grown = byte_capacity_ ? byte_capacity_ : 256;
+    while (grown - used_ < n) grown *= 2;
+    auto* p = static_cast<char*>(_vekRealloc(bytes_, grown, kSource, __LINE__));
+    if (!p) return false;
+    bytes_ = p;
+    byte_capacity_ = grown;
+    return true;
+  }
+
+  char* bytes_ = nullptr;
+  size_t used_ = 0;
+  size_t byte_capacity_ = 0;
+  Field* fields_ = nullptr;
+  int count_ = 0;
+  int field_capacity_ = 0;
+  int limit_ = 1 << 30;
+  bool storing_ = false;
 };
 
 // Cuts the input into records. Fields are separated by delim; a field that
@@ -241,7 +297,7 @@ class CsvReader {
 
   // Parses the next record into sink; on kNeedMore nothing was consumed and
   // the caller discards what the sink received, then calls again.
-  RecordStatus next(SqlSink& sink) {
+  RecordStatus next(Record& sink) {
     if (!keep_empty_lines_) skip_empty_lines();
     if (pos_ == end_ && eof_) return RecordStatus::kEnd;
     return parse(sink);
@@ -291,7 +347,7 @@ class CsvReader {
   }
 
   // One record from pos_; consumes it only when it is complete.
-  RecordStatus parse(SqlSink& sink) {
+  RecordStatus parse(Record& sink) {
     const char* p = buffer_ + pos_;
     const char* const end = buffer_ + end_;
     for (;;) {
@@ -323,7 +379,7 @@ class CsvReader {
   // Unqualified text (also what follows a closing qualifier) up to the
   // delimiter, the line end or the end of the data; false when the buffer
   // ends on a CR and more may come.
-  bool parse_plain(const char*& p, const char* end, SqlSink& sink, bool* empty) {
+  bool parse_plain(const char*& p, const char* end, Record& sink, bool* empty) {
     for (;;) {
       const char* start = p;
       while (p < end && !stop_[static_cast<unsigned char>(*p)]) ++p;
@@ -356,7 +412,7 @@ class CsvReader {
 
   // Inside qualifiers from p; returns the position after the closing
   // qualifier, or null when the buffer ends first (and more may come).
-  const char* parse_qualified(const char* p, const char* end, SqlSink& sink, bool* empty) {
+  const char* parse_qualified(const char* p, const char* end, Record& sink, bool* empty) {
     for (;;) {
       const char* start = p;
       while (p < end && *p != qualifier_ && *p != '\0') ++p;
@@ -401,10 +457,14 @@ class CsvReader {
 struct Import {
   Handle* h;
   const char* filename;
+  const char* tablename;
   CsvReader* reader;
-  void* blob;
-  int prefix_len;   // "INSERT INTO ... VALUES (" in the blob
-  int columns;      // fields of the first record
+  Record* record;
+  void* blob;           // the statement text: the prefix, then a record's values
+  int prefix_len;       // "INSERT INTO ... VALUES (" in the blob
+  int columns;          // fields of the first record
+  sqlite3_stmt* insert;  // the prefix with a parameter per column; null: run the text
+  bool prepare_tried;
   int success;
   int error;
   int batch_success;  // inserted since the last commit
@@ -418,38 +478,143 @@ void truncate_to(void* blob, int length) {
   if (extra > 0) blob_truncate(blob, -extra);
 }
 
-// The next whole record into sink, reading more as needed.
-RecordStatus read_record(Import& im, SqlSink& sink) {
+// The next whole record, reading more as needed.
+RecordStatus read_record(Import& im) {
   for (;;) {
-    sink.fields = 0;
-    sink.bad = sink.empty_name = false;
-    const RecordStatus status = im.reader->next(sink);
+    im.record->clear();
+    const RecordStatus status = im.reader->next(*im.record);
     if (status != RecordStatus::kNeedMore) return status;
-    truncate_to(im.blob, im.prefix_len);
     if (!im.reader->more()) return RecordStatus::kFailed;
   }
 }
 
+bool append(void* blob, const char* text, size_t n) {
+  return n <= kMaxRecord && blob_append(blob, text, static_cast<int>(n)) == 0;
+}
+
+// quote, the text with every quote in it doubled, quote: an SQL string
+// literal or a quoted identifier.
+bool append_quoted(void* blob, const char* p, size_t n, char quote) {
+  if (!append(blob, &quote, 1)) return false;
+  const char* end = p + n;
+  for (const char* hit; (hit = static_cast<const char*>(std::memchr(p, quote, static_cast<size_t>(end - p))));
+       p = hit + 1) {
+    if (!append(blob, p, static_cast<size_t>(hit - p) + 1) || !append(blob, &quote, 1)) return false;
+  }
+  return append(blob, p, static_cast<size_t>(end - p)) && append(blob, &quote, 1);
+}
+
+// The record's values after the prefix: string literals, NULL for empty
+// fields and for the columns the record lacks, ")" and the terminator. A
+// statement missing a piece could read differently, so false refuses it.
+bool build_values(Import& im) {
+  const Record& r = *im.record;
+  for (int i = 0; i < r.count(); ++i) {
+    const Field& f = r.field(i);
+    if (i && !append(im.blob, ",", 1)) return false;
+    if (f.null ? !append(im.blob, "NULL", 4) : !append_quoted(im.blob, r.text_of(f), static_cast<size_t>(f.length), '\''))
+      return false;
+  }
+  for (int i = r.count(); i < im.columns; ++i)
+    if (!append(im.blob, ",NULL", 5)) return false;
+  return append(im.blob, ")", 2);
+}
+
+const char* statement_text(Import& im) { return static_cast<const char*>(blob_get_buffer(im.blob)); }
+
 // "INSERT INTO table [(columns)] VALUES (" into the blob. With a header the
 // names are quoted identifiers, so a crafted header stays a list of names.
 // 1 when a header was asked for and the file is empty.
-int build_prefix(Import& im, const char* tablename, bool header) {
-  if (blob_append_string(im.blob, "INSERT INTO ") != 0 || blob_append_string(im.blob, tablename) != 0 ||
+int build_prefix(Import& im, bool header) {
+  if (blob_append_string(im.blob, "INSERT INTO ") != 0 || blob_append_string(im.blob, im.tablename) != 0 ||
       blob_append_string(im.blob, header ? " (" : " VALUES (") != 0)
     return ERR_NO_MEMORY;
   im.prefix_len = blob_get_length(im.blob);
   if (!header) return 0;
-  SqlSink names{im.blob, '"', true, 0, false, false};
-  const RecordStatus status = read_record(im, names);
+  const RecordStatus status = read_record(im);
   if (status == RecordStatus::kEnd) return 1;
-  if (status != RecordStatus::kRecord || names.bad || names.empty_name) {
+  const Record& names = *im.record;
+  bool usable = status == RecordStatus::kRecord && !names.bad;
+  for (int i = 0; usable && i < names.count(); ++i) {
+    const Field& f = names.field(i);
+    usable = f.length > 0 && (i == 0 || append(im.blob, ",", 1)) &&
+             append_quoted(im.blob, names.text_of(f), static_cast<size_t>(f.length), '"');
+  }
+  if (!usable) {
     log_vek_error("sqlite_from_csv(%s): unusable header line\n", im.filename);
     return ERR_SQLITE_IMPORT;
   }
-  im.columns = names.fields;
+  im.columns = names.count();
   if (blob_append_string(im.blob, ") VALUES (") != 0) return ERR_NO_MEMORY;
   im.prefix_len = blob_get_length(im.blob);
   return 0;
+}
+
+// A table name in which nothing can begin a parameter, a comment or a
+// second statement: a statement prepared from it has exactly the
+// placeholders that follow it.
+bool plain_table_name(const char* name) { return name[std::strcspn(name, "?:@$#;-/")] == '\0'; }
+
+// Prepares the insert once, with a parameter where each value's literal
+// stands in the text; each record then binds its values and runs it, which
+// spares SQLite compiling a statement per record. Without the functions, or
+// when the prefix does not prepare into exactly that statement, records are
+// run as text, which gives SQLite's own failure for every one of them.
+void prepare_insert(Import& im) {
+  im.prepare_tried = true;
+  if (!statement_api.available() || !plain_table_name(im.tablename)) return;
+  bool built = true;
+  for (int i = 0; built && i < im.columns; ++i) built = append(im.blob, i ? ",?" : "?", i ? 2 : 1);
+  if (built && append(im.blob, ")", 2)) {
+    sqlite3_stmt* statement = nullptr;
+    const char* tail = nullptr;
+    const int rc = statement_api.prepare_v2(im.h->dbhandle, statement_text(im), -1, &statement, &tail);
+    if (rc == kOk && statement && tail && *tail == '\0' &&
+        statement_api.bind_parameter_count(statement) == im.columns) {
+      im.insert = statement;
+    } else if (statement) {
+      statement_api.finalize(statement);
+    }
+  }
+  truncate_to(im.blob, im.prefix_len);
+}
+
+// Binds the record's values (NULL for the columns it lacks) and runs the
+// prepared insert; SQLite's result code.
+int step_insert(Import& im) {
+  const Record& r = *im.record;
+  sqlite3_stmt* s = im.insert;
+  int rc = kOk;
+  for (int i = 0; rc == kOk && i < im.columns; ++i) {
+    const Field* f = i < r.count() ? &r.field(i) : nullptr;
+    rc = !f || f->null ? statement_api.bind_null(s, i + 1)
+                       : statement_api.bind_text(s, i + 1, r.text_of(*f), f->length, nullptr);  // not copied
+  }
+  if (rc == kOk) {
+    do rc = statement_api.step(s);
+    while (rc == kRow);
+    if (rc == kDone) rc = kOk;
+  }
+  statement_api.reset(s);
+  return rc;
+}
+
+// Runs the prepared insert as sqlite_exec would run the record's text: the
+// text goes to the log callback, the changed rows are counted, a failure
+// keeps SQLite's text and code and writes the statement to the error log.
+// The text is built only where it is shown.
+int run_prepared(Import& im) {
+  Handle* h = im.h;
+  const char* sql = nullptr;
+  if (h->log_func) {
+    if (!build_values(im)) return ERR_NO_MEMORY;
+    sql = statement_text(im);
+  }
+  const int changes_before = start_statement(h, sql);
+  const int rc = step_insert(im);
+  char* err = rc == kOk ? nullptr : format("%s", api.errmsg(h->dbhandle));
+  if (rc != kOk && rc != kConstraint && !sql && build_values(im)) sql = statement_text(im);
+  return finish_statement(h, changes_before, rc, err, sql, Caller::kExec);
 }
 
 // Ends a failed transaction: its inserted records count as refused.
@@ -477,26 +642,32 @@ bool commit(Import& im, const char* statement) {
   return true;
 }
 
-// Inserts one parsed record (the fields are in the blob after the prefix).
-void insert(Import& im, SqlSink& values) {
-  if (im.columns == 0) {
-    im.columns = values.fields;
-    im.reader->keep_empty_lines(im.columns == 1);
-  }
-  if (values.bad || values.fields > im.columns) {
+// The first record fixes the number of columns.
+void set_columns(Import& im, int columns) {
+  im.columns = columns;
+  im.record->set_limit(columns);
+  im.reader->keep_empty_lines(columns == 1);
+}
+
+// Inserts the record just read: 1 or more changed rows count it inserted.
+void insert(Import& im) {
+  const Record& r = *im.record;
+  if (im.columns == 0) set_columns(im, r.count());
+  if (r.bad || r.count() > im.columns) {
     ++im.refused;
     ++im.error;
     return;
   }
-  for (int i = values.fields; i < im.columns; ++i) values.add(",NULL", 5);
-  values.add(")", 2);  // with the terminator
-  if (values.bad) {
-    ++im.refused;
-    ++im.error;
-    return;
+  if (!im.prepare_tried) prepare_insert(im);
+  int rc;
+  if (im.insert) {
+    rc = run_prepared(im);
+  } else {
+    rc = build_values(im) ? run(im.h, statement_text(im), nullptr, nullptr, Caller::kExec) : ERR_NO_MEMORY;
   }
-  const char* sql = static_cast<const char*>(blob_get_buffer(im.blob));
-  if (run(im.h, sql, nullptr, nullptr, Caller::kExec) >= 1) {
+  truncate_to(im.blob, im.prefix_len);
+  if (rc == ERR_NO_MEMORY) ++im.refused;
+  if (rc >= 1) {
     ++im.success;
     ++im.batch_success;
   } else {
@@ -508,16 +679,14 @@ void insert(Import& im, SqlSink& values) {
 // read failure, ERR_SQLITE_TRANSACTION when a batch cannot be committed or
 // the next one begun (the transaction is then closed).
 int import_records(Import& im) {
-  SqlSink values{im.blob, '\'', false, 0, false, false};
   for (;;) {
-    const RecordStatus status = read_record(im, values);
+    const RecordStatus status = read_record(im);
     if (status == RecordStatus::kEnd) return 0;
     if (status == RecordStatus::kFailed) {
       log_vek_error("sqlite_from_csv(%s): read failed[%d]\n", im.filename, errno);
       return ERR_SQLITE_IMPORT;
     }
-    insert(im, values);
-    truncate_to(im.blob, im.prefix_len);
+    insert(im);
     if (++im.handled % kProgressEvery == 0) report_progress(im.h, im.handled);
     if (im.handled % kCommitEvery == 0) {
       if (!commit(im, "END") || !begin(im)) return ERR_SQLITE_TRANSACTION;
@@ -525,10 +694,10 @@ int import_records(Import& im) {
   }
 }
 
-int import_file(Import& im, const char* tablename, bool header) {
-  const int prefix = build_prefix(im, tablename, header);
+int import_file(Import& im, bool header) {
+  const int prefix = build_prefix(im, header);
   if (prefix != 0) return prefix > 0 ? 0 : prefix;
-  im.reader->keep_empty_lines(im.columns == 1);
+  if (im.columns) set_columns(im, im.columns);
   if (!begin(im)) return ERR_SQLITE_TRANSACTION;
   int rc = import_records(im);
   // After a read failure what was read is still committed.
@@ -596,13 +765,15 @@ int sqlite_from_csv(void* handle, const char* tablename, int first_row_is_header
     return ERR_SQLITE_IMPORT;
   }
   CsvReader reader(file, delim, qualifier);
-  Import im{h, filename, &reader, nullptr, 0, 0, 0, 0, 0, 0, 0, false};
+  Record record;
+  Import im{h, filename, tablename, &reader, &record, nullptr, 0, 0, nullptr, false, 0, 0, 0, 0, 0, false};
   int rc;
   if (blob_create(&im.blob, 4096) != 0 || !reader.start()) {
     rc = reader.read_failed() ? ERR_SQLITE_IMPORT : ERR_NO_MEMORY;
   } else {
-    rc = import_file(im, tablename, first_row_is_header != 0);
+    rc = import_file(im, first_row_is_header != 0);
   }
+  if (im.insert) statement_api.finalize(im.insert);
   blob_delete(im.blob);
   std::fclose(file);
   if (success) *success = im.success;

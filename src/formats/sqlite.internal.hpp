@@ -12,6 +12,7 @@ namespace vek::sql {
 // SQLite's own types stay opaque: only pointers to them cross this layer.
 struct sqlite3;
 struct sqlite3_backup;
+struct sqlite3_stmt;
 
 constexpr const char* kSource = "src/sqlite.c";
 
@@ -22,6 +23,8 @@ constexpr int kLocked = 6;
 constexpr int kMisuse = 21;
 constexpr int kConstraint = 19;
 constexpr int kMismatch = 20;
+constexpr int kRow = 100;
+constexpr int kDone = 101;
 
 using ExecCallback = int (*)(void*, int, char**, char**);
 using UpdateHook = void (*)(void*, int, const char*, const char*, long long);
@@ -52,8 +55,23 @@ struct Api {
                                int* autoinc);
 };
 
+// Functions for statements prepared once and run many times. Optional: a
+// library without them still loads, and callers fall back to running text.
+struct StatementApi {
+  int (*prepare_v2)(sqlite3* db, const char* sql, int bytes, sqlite3_stmt** statement, const char** tail);
+  int (*bind_parameter_count)(sqlite3_stmt* statement);
+  int (*bind_text)(sqlite3_stmt* statement, int index, const char* text, int bytes, void (*destructor)(void*));
+  int (*bind_null)(sqlite3_stmt* statement, int index);
+  int (*step)(sqlite3_stmt* statement);
+  int (*reset)(sqlite3_stmt* statement);
+  int (*finalize)(sqlite3_stmt* statement);
+
+  bool available() const { return prepare_v2 && bind_parameter_count && bind_text && bind_null && step && reset && finalize; }
+};
+
 // Valid once sqlite_init has returned 0.
 extern Api api;
+extern StatementApi statement_api;
 
 // The record behind a handle. The first eight fields keep their documented
 // order; the rest serve the CSV progress report and the log lines.
@@ -84,6 +102,15 @@ enum class Caller { kExec, kExecEx, kBegin, kCommit };
 // The caller holds the handle's mutex. Returns the changed-row count or the
 // mapped result code.
 int run(Handle* h, const char* sql, ExecCallback callback, void* custom, Caller caller);
+
+// The two halves of run for statements not run from text. start_statement
+// resets the changed-row count and shows sql (when not null) to the log
+// callback; it returns the connection's change counter, which
+// finish_statement takes with SQLite's result and error text (taken over)
+// to give what run gives. sql may be null when the statement succeeded or
+// failed on a constraint: only other failures write it to the error log.
+int start_statement(Handle* h, const char* sql);
+int finish_statement(Handle* h, int changes_before, int rc, char* err, const char* sql, Caller caller);
 
 // The library code for an SQLite result (and whether it came with a text).
 int map_result(int rc, bool has_text);

@@ -244,6 +244,15 @@ TEST_F(SqliteCsvTest, FailuresAreReportedAndLeaveNoPartialFile) {
   EXPECT_EXIT(std::_Exit(export_beyond_size_limit(db_, out)), ::testing::ExitedWithCode(0), "");
 
   EXPECT_EQ(ERR_SQLITE_IMPORT, sqlite_from_csv(db_, "t", 0, ',', 0, "/nonexistent-dir/in.csv", &ok, &failed));
+  {
+    // A refused record is logged with its statement text and keeps SQLite's text and code.
+    exec_ok("CREATE TABLE k(id INTEGER PRIMARY KEY, v)");
+    vektest::LogCapture log;
+    EXPECT_EQ("1/1", import("7,it's\nx,\n", "k", false, ',', 0));
+    EXPECT_TRUE(log.contains("_sqlite3_exec(\"INSERT INTO k VALUES ('x',NULL)\")\n\tFailed[20] [datatype mismatch]")) << log.text();
+    EXPECT_STREQ("datatype mismatch", sqlite_error(db_));
+    EXPECT_EQ(20, sqlite_error_code(db_));
+  }
   ASSERT_EQ(0, sqlite_transaction_begin(db_));  // the import cannot begin its own transaction inside ours
   EXPECT_EQ("0/0", import("1\n", "t", false, ',', 0, ERR_SQLITE_TRANSACTION));
   EXPECT_EQ(0, sqlite_transaction_end(db_));
