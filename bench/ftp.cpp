@@ -25,6 +25,8 @@
 
 #include <vekutil/vekutil.h>
 
+#include "loopback.hpp"
+
 extern char** environ;
 
 namespace {
@@ -50,28 +52,8 @@ int run(const std::vector<std::string>& args) {
   return pid > 0 && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
-int free_port() {
-  const int fd = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in addr{};
-  addr.sin_family = AF_INET;
-  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t size = sizeof addr;
-  bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr);
-  getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &size);
-  close(fd);
-  return ntohs(addr.sin_port);
-}
-
-bool accepts(int port) {
-  const int fd = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in addr{};
-  addr.sin_family = AF_INET;
-  addr.sin_port = htons(static_cast<uint16_t>(port));
-  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  const bool ok = connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0;
-  close(fd);
-  return ok;
-}
+using vekbench::accepts;
+using vekbench::free_port;
 
 // vsftpd serving a private directory that holds the 1 GiB source file.
 class Vsftpd {

@@ -34,6 +34,8 @@
 
 #include <vekutil/vekutil.h>
 
+#include "loopback.hpp"
+
 namespace {
 
 namespace fs = std::filesystem;
@@ -62,15 +64,8 @@ std::map<std::string, double> g_seconds;  // "benchmark/target" -> seconds per i
 // ---- A minimal FTP client over plain sockets, the same for both servers.
 
 int connect_port(int port) {
-  int fd = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in a{};
-  a.sin_family = AF_INET;
-  a.sin_port = htons(static_cast<uint16_t>(port));
-  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  if (connect(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0) {
-    close(fd);
-    return -1;
-  }
+  const int fd = vekbench::connect_loopback(port);
+  if (fd < 0) return -1;
   int one = 1;
   setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
   struct timeval limit = {60, 0};  // a stuck server fails the run instead of hanging it
@@ -381,17 +376,7 @@ void make_tree() {
   for (int i = 0; i < kSmallFiles; ++i) write_file(g_dir + "/small/f" + std::to_string(i), kSmallSize, (unsigned)i);
 }
 
-int free_port() {
-  int fd = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in a{};
-  a.sin_family = AF_INET;
-  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t len = sizeof a;
-  bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a);
-  getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len);
-  close(fd);
-  return ntohs(a.sin_port);
-}
+using vekbench::free_port;
 
 bool start_vsftpd() {
   g_vsftpd.port = free_port();

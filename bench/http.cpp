@@ -33,6 +33,8 @@
 #include <vekutil/memory.h>
 #include <vekutil/ssl.h>
 
+#include "loopback.hpp"
+
 #ifdef VEK_HAVE_CURL
 #include <curl/curl.h>
 #endif
@@ -47,28 +49,7 @@ int g_http_port = 0, g_https_port = 0;
 pid_t g_nginx = -1;
 std::map<std::string, double> g_best;  // benchmark name -> best seconds per iteration
 
-int free_port() {
-  int fd = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in a{};
-  a.sin_family = AF_INET;
-  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t len = sizeof a;
-  bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a);
-  getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len);
-  close(fd);
-  return ntohs(a.sin_port);
-}
-
-bool port_open(int port) {
-  int fd = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in a{};
-  a.sin_family = AF_INET;
-  a.sin_port = htons(static_cast<uint16_t>(port));
-  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  const bool ok = connect(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0;
-  close(fd);
-  return ok;
-}
+using vekbench::free_port;
 
 // Runs argv to completion, its output discarded; true on exit status 0.
 bool run(const std::vector<std::string>& argv) {
@@ -122,7 +103,7 @@ bool start_nginx() {
     _exit(127);
   }
   for (int i = 0; i < 500; ++i) {
-    if (port_open(g_http_port) && port_open(g_https_port)) return true;
+    if (vekbench::accepts(g_http_port) && vekbench::accepts(g_https_port)) return true;
     usleep(10000);
   }
   return false;
@@ -155,22 +136,31 @@ bool file_has_size(const std::string& path, long long size) {
   return stat(path.c_str(), &st) == 0 && st.st_size == size;
 }
 
+// A GET request and its response record, released with the object.
+struct Get {
+  HTTP_REQUEST* req = nullptr;
+  HTTP_RESPONSE* resp = nullptr;
+  explicit Get(const std::string& u) {
+    http_request_create(&req);
+    http_response_create(&resp);
+    req->url = u.c_str();
+    req->method = HTTP_METHOD_GET;
+  }
+  ~Get() {
+    http_request_delete(req);
+    http_response_delete(resp);
+  }
+};
+
 // Ours: http_client into a file.
 double download_ours(const std::string& u, const std::string& out) {
   unlink(out.c_str());
-  HTTP_REQUEST* req = nullptr;
-  HTTP_RESPONSE* resp = nullptr;
-  http_request_create(&req);
-  http_response_create(&resp);
-  req->url = u.c_str();
-  req->method = HTTP_METHOD_GET;
-  req->file = out.c_str();
+  Get get(u);
+  get.req->file = out.c_str();
   const auto start = Clock::now();
-  const int rc = http_client(req, resp);
+  const int rc = http_client(get.req, get.resp);
   const double seconds = seconds_since(start);
-  const bool ok = rc == 0 && resp->status == 200 && file_has_size(out, kBigSize);
-  http_request_delete(req);
-  http_response_delete(resp);
+  const bool ok = rc == 0 && get.resp->status == 200 && file_has_size(out, kBigSize);
   unlink(out.c_str());
   return ok ? seconds : -1;
 }
@@ -209,19 +199,11 @@ void BM_Download(benchmark::State& state) {
 }
 
 double small_gets_ours(const std::string& u) {
-  HTTP_REQUEST* req = nullptr;
-  HTTP_RESPONSE* resp = nullptr;
-  http_request_create(&req);
-  http_response_create(&resp);
-  req->url = u.c_str();
-  req->method = HTTP_METHOD_GET;
+  Get get(u);
   const auto start = Clock::now();
   bool ok = true;
-  for (int i = 0; i < kSmallGets && ok; ++i) ok = http_client(req, resp) == 0 && resp->data_len == 512;
-  const double seconds = seconds_since(start);
-  http_request_delete(req);
-  http_response_delete(resp);
-  return ok ? seconds : -1;
+  for (int i = 0; i < kSmallGets && ok; ++i) ok = http_client(get.req, get.resp) == 0 && get.resp->data_len == 512;
+  return ok ? seconds_since(start) : -1;
 }
 
 #ifdef VEK_HAVE_CURL

@@ -22,6 +22,30 @@ void ignore_sigpipe_once();
 inline ABSTRACT_SOCKET* as_socket(void* handle) { return static_cast<ABSTRACT_SOCKET*>(handle); }
 inline const ABSTRACT_SOCKET* as_socket(const void* handle) { return static_cast<const ABSTRACT_SOCKET*>(handle); }
 
+// The operation slots a transport layer (TCP, TLS, the secure stream) puts
+// on a socket.
+struct SocketLayer {
+  abstract_send send;
+  abstract_send2 send2;
+  abstract_recv recv;
+  abstract_recv2 recv2;
+  abstract_close close;
+};
+
+// Lets the layer now in the slots give its state back before another layer
+// takes them or the record is freed.
+inline void release_layer(ABSTRACT_SOCKET* s) {
+  if (s->handle && s->a_close) s->a_close(s);
+}
+
+inline void install_layer(ABSTRACT_SOCKET* s, const SocketLayer& layer) {
+  s->a_send = layer.send;
+  s->a_send2 = layer.send2;
+  s->a_recv = layer.recv;
+  s->a_recv2 = layer.recv2;
+  s->a_close = layer.close;
+}
+
 // The optional per-socket loggers, called only when set.
 inline void log_result(ABSTRACT_SOCKET* s, const char* fn, int ret, int oserr) {
   if (s->a_log_a) s->a_log_a(s, s->owner, s->s, fn, ret, oserr);

@@ -65,6 +65,8 @@ static_assert(offsetof(SERVER_SOCKET, async_handle) == offsetof(ABSTRACT_SOCKET,
 
 using vek::net::as_socket;
 using vek::net::log_result;
+using vek::net::install_layer;
+using vek::net::release_layer;
 
 SERVER_SOCKET* as_server(void* handle) { return static_cast<SERVER_SOCKET*>(handle); }
 
@@ -112,17 +114,7 @@ void first_use() {
 
 void install_tcp(ABSTRACT_SOCKET* s) {
   s->type = SOCKET_TYPE_STREAM;
-  s->a_send = tcp_send;
-  s->a_send2 = tcp_send2;
-  s->a_recv = tcp_recv;
-  s->a_recv2 = tcp_recv2;
-  s->a_close = tcp_close;
-}
-
-// Lets a layer installed on a socket without a descriptor release its state
-// before the slots are replaced or the record is freed.
-void release_layer(ABSTRACT_SOCKET* s) {
-  if (s->handle && s->a_close) s->a_close(s);
+  install_layer(s, {tcp_send, tcp_send2, tcp_recv, tcp_recv2, tcp_close});
 }
 
 // A descriptor of 0 means "not open" in the records, so a socket that got

@@ -52,6 +52,8 @@ struct _SSLO_CTX {
 
 using vek::net::as_socket;
 using vek::net::log_result;
+using vek::net::install_layer;
+using vek::net::release_layer;
 
 _SSLO_CTX* as_ctx(void* ctx) { return static_cast<_SSLO_CTX*>(ctx); }
 
@@ -394,17 +396,11 @@ SSL* ssl_get_raw_object(void* handle) { return tls_connection(handle); }
 int _ssl_morph(void* handle) {
   ABSTRACT_SOCKET* sock = as_socket(handle);
   if (!sock) return ERR_INVALID_HANDLE;
-  // A layer already in the slots (TLS again, or the secure stream) gives its
-  // state back first rather than leaking it.
-  if (sock->handle && sock->a_close) sock->a_close(sock);
+  release_layer(sock);
   auto* st = vek::alloc_record<_SSLO>(kSource, __LINE__);
   if (!st) return ERR_NO_MEMORY;
   sock->handle = st;
-  sock->a_send = _ssl_send;
-  sock->a_send2 = _ssl_send2;
-  sock->a_recv = _ssl_recv;
-  sock->a_recv2 = _ssl_recv2;
-  sock->a_close = _ssl_close;
+  install_layer(sock, {_ssl_send, _ssl_send2, _ssl_recv, _ssl_recv2, _ssl_close});
   return 0;
 }
 

@@ -31,6 +31,8 @@ struct SECURE_TCP_SOCKET {
 };
 
 using vek::net::as_socket;
+using vek::net::install_layer;
+using vek::net::release_layer;
 using vek::net::Deadline;
 using vek::net::kMaxIoChunk;
 using vek::net::Ready;
@@ -154,19 +156,15 @@ int stcp_morph(void* handle, const unsigned char* key, const unsigned char* iv, 
   if (!handle) return ERR_INVALID_HANDLE;
   if (!key || !iv) return ERR_INVALID_PARAMETER;
   ABSTRACT_SOCKET* s = as_socket(handle);
-  // A layer already in the slots lets go of its state first.
-  if (s->handle && s->a_close) s->a_close(s);
+  release_layer(s);
   auto* st = vek::alloc_record<SECURE_TCP_SOCKET>(kSource, __LINE__);
   if (!st) return ERR_NO_MEMORY;
   s->handle = st;
   st->bytelen = bits / 8;
   std::memcpy(st->s_ivector, iv, kBlock);
   std::memcpy(st->r_ivector, iv, kBlock);
-  s->a_send = _stcp_send;
-  s->a_send2 = _stcp_send2;
-  s->a_recv = _stcp_recv;
-  s->a_recv2 = nullptr;  // a stream without boundaries has no "what is there"
-  s->a_close = _stcp_close;
+  // A stream without boundaries has no "what is there" receive.
+  install_layer(s, {_stcp_send, _stcp_send2, _stcp_recv, nullptr, _stcp_close});
   // The size is checked only now, with the slots already installed.
   if (!cipher_for(bits)) return ERR_SOCKET_KEY_BITS;
   return build_schedules(st, key, bits) ? 0 : ERR_NO_MEMORY;

@@ -306,7 +306,44 @@ int receive_file(_FTP_OBJECT* f, void* data_socket, std::FILE* file, char* block
   }
 }
 
-char* new_block() { return static_cast<char*>(_vekMalloc(kBlockSize, kSource, __LINE__)); }
+// The local end of a transfer: the file, unbuffered so that each block moves
+// in one call without a copy through stdio, and the transfer block.
+class LocalEnd {
+ public:
+  LocalEnd(const char* path, const char* mode) : file_(std::fopen(path, mode)) {
+    if (file_) std::setvbuf(file_, nullptr, _IONBF, 0);
+  }
+  ~LocalEnd() {
+    close();
+    vek::release(block_, kSource, __LINE__);
+  }
+  LocalEnd(const LocalEnd&) = delete;
+  LocalEnd& operator=(const LocalEnd&) = delete;
+
+  std::FILE* file() const { return file_; }
+  char* block() const { return block_; }
+
+  // Opens the data connection for `verb`. When that fails after the file
+  // opened, a NOOP goes out; its reply is left for the next read.
+  int open_data(_FTP_OBJECT* f, const char* verb, const char* remote, void** data) {
+    if (!file_) return ERR_FTP_LOCAL_FILE;
+    block_ = static_cast<char*>(_vekMalloc(kBlockSize, kSource, __LINE__));
+    const int rc = block_ ? open_transfer(f, verb, remote, data) : ERR_NO_MEMORY;
+    if (rc != 0) send_command(f, "NOOP", nullptr);
+    return rc;
+  }
+
+  // False when the file could not be closed cleanly (a write-back error).
+  bool close() {
+    const bool ok = !file_ || std::fclose(file_) == 0;
+    file_ = nullptr;
+    return ok;
+  }
+
+ private:
+  std::FILE* file_;
+  char* block_ = nullptr;
+};
 
 int transfer_result(int reply) { return reply == 226 ? 0 : unexpected(reply); }
 
@@ -380,22 +417,12 @@ int ftp_put(void* handle, const char* local_file, const char* remote_file) {
   int rc = check_transfer_args(handle, local_file, remote_file);
   if (rc != 0) return rc;
   _FTP_OBJECT* f = as_ftp(handle);
-  std::FILE* file = std::fopen(local_file, "rb");
-  if (!file) return ERR_FTP_LOCAL_FILE;
-  std::setvbuf(file, nullptr, _IONBF, 0);  // whole blocks: one read each, no copy through stdio
-  char* block = new_block();
+  LocalEnd local(local_file, "rb");
   void* data = nullptr;
-  rc = block ? open_transfer(f, "STOR", remote_file, &data) : ERR_NO_MEMORY;
-  if (rc != 0) {
-    send_command(f, "NOOP", nullptr);  // its reply is left for the next read
-    std::fclose(file);
-    vek::release(block, kSource, __LINE__);
-    return rc;
-  }
-  const int local_rc = send_file(f, file, data, block);
+  rc = local.open_data(f, "STOR", remote_file, &data);
+  if (rc != 0) return rc;
+  const int local_rc = send_file(f, local.file(), data, local.block());
   socket_shutdown(data);
-  std::fclose(file);
-  vek::release(block, kSource, __LINE__);
   const int reply = get_response(f, kTransferReplyTimeout);
   socket_delete(data);
   return local_rc != 0 ? local_rc : transfer_result(reply);
@@ -405,23 +432,19 @@ int ftp_get(void* handle, const char* remote_file, const char* local_file) {
   int rc = check_transfer_args(handle, remote_file, local_file);
   if (rc != 0) return rc;
   _FTP_OBJECT* f = as_ftp(handle);
-  std::FILE* file = std::fopen(local_file, "wb");
-  if (!file) return ERR_FTP_LOCAL_FILE;
-  std::setvbuf(file, nullptr, _IONBF, 0);  // whole blocks: one write each, no copy through stdio
-  char* block = new_block();
+  LocalEnd local(local_file, "wb");
   void* data = nullptr;
-  rc = block ? open_transfer(f, "RETR", remote_file, &data) : ERR_NO_MEMORY;
+  rc = local.open_data(f, "RETR", remote_file, &data);
   if (rc != 0) {
-    send_command(f, "NOOP", nullptr);  // its reply is left for the next read
-    std::fclose(file);
-    std::remove(local_file);
-    vek::release(block, kSource, __LINE__);
+    if (local.file()) {
+      local.close();
+      std::remove(local_file);  // nothing came: no empty file left behind
+    }
     return rc;
   }
-  int local_rc = receive_file(f, data, file, block);
+  int local_rc = receive_file(f, data, local.file(), local.block());
   socket_delete(data);
-  if (std::fclose(file) != 0 && local_rc == 0) local_rc = ERR_FTP_LOCAL_FILE;
-  vek::release(block, kSource, __LINE__);
+  if (!local.close() && local_rc == 0) local_rc = ERR_FTP_LOCAL_FILE;
   // A server that went silent is not asked for its reply: it would not come.
   if (local_rc == ERR_SOCKET_TIMEOUT) return local_rc;
   const int reply = get_response(f, kTransferReplyTimeout);

@@ -205,6 +205,13 @@ bool resolve_arg(Client* co, const char* arg, char* out) {
   return build(co, arg, built) && resolve(co, built, out);
 }
 
+// resolve_arg, answering "550 No/Bad file or directory." when it refuses.
+bool resolve_or_refuse(Client* co, const char* arg, char* out) {
+  if (resolve_arg(co, arg, out)) return true;
+  reply(co, kNoBad);
+  return false;
+}
+
 bool is_root(Client* co, const char* abs) { return std::strcmp(abs, co->server->root_folder_abs) == 0; }
 
 // ---- Raw data-connection I/O. The descriptor is non-blocking; every wait
@@ -603,10 +610,7 @@ int cmd_mkd(void* p, const char*, const char* args) {
   Client* co = client(p);
   if (!authorised(co, FTP_ACCESS_WRITE)) return 0;
   char target[PATH_MAX];
-  if (!resolve_arg(co, args, target)) {
-    reply(co, kNoBad);
-    return 0;
-  }
+  if (!resolve_or_refuse(co, args, target)) return 0;
   int rc = directory_create(target);
   if (rc == 0 || rc == EEXIST)
     reply(co, "257 mkd command successful.\r\n");
@@ -808,10 +812,7 @@ int cmd_list(void* p, const char*, const char* args) {
   char current[PATH_MAX];
   char listed[PATH_MAX];
   const char* filter = nullptr;
-  if (!resolve_arg(co, nullptr, current)) {
-    reply(co, kNoBad);
-    return 0;
-  }
+  if (!resolve_or_refuse(co, nullptr, current)) return 0;
   copy_name(listed, sizeof listed, current);
   if (args) {
     char built[FTP_SERVER_PATH_SIZE];
@@ -855,10 +856,7 @@ int cmd_nlst(void* p, const char*, const char* args) {
   Client* co = client(p);
   if (!authorised(co, FTP_ACCESS_READ)) return 0;
   char current[PATH_MAX];
-  if (!resolve_arg(co, nullptr, current)) {
-    reply(co, kNoBad);
-    return 0;
-  }
+  if (!resolve_or_refuse(co, nullptr, current)) return 0;
   int count = directory_query(current, args, nullptr, -1);
   if (count < 0) {
     reply(co, kNotImplemented);
@@ -910,10 +908,7 @@ bool transfer_target(Client* co, const char* args, char* target) {
     reply(co, kNoSuch);
     return false;
   }
-  if (!resolve_arg(co, args, target)) {
-    reply(co, kNoBad);
-    return false;
-  }
+  if (!resolve_or_refuse(co, args, target)) return false;
   return true;
 }
 
